@@ -1,0 +1,23 @@
+# What every target of the project is compiled with.
+
+# iosched_options: warnings, sanitizers and reproducible file names, for every target.
+add_library(iosched_options INTERFACE)
+target_compile_options(iosched_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+    # Trace points and assertions name files; a build tree's place is nobody's business.
+    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+target_compile_definitions(iosched_options INTERFACE _GNU_SOURCE)
+if(IOSCHED_WERROR)
+    target_compile_options(iosched_options INTERFACE -Werror)
+endif()
+if(IOSCHED_SANITIZE)
+    target_compile_options(iosched_options INTERFACE
+        -fsanitize=${IOSCHED_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(iosched_options INTERFACE -fsanitize=${IOSCHED_SANITIZE})
+endif()
+
+# iosched_freestanding_cxx: C++ whose objects a C program can link without libstdc++.
+add_library(iosched_freestanding_cxx INTERFACE)
+target_compile_options(iosched_freestanding_cxx INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
+    -fvisibility=hidden)
