@@ -1,0 +1,21 @@
+// What the child registry and the fork hooks offer to the rest of the library.
+#pragma once
+
+#include "iosched/procs.h"
+
+// Files the status of a reaped child with its registration; drops it when there is none.
+void schedChildDied(int pid, const ChildStatus *status);
+
+// Runs the callbacks of the children that have been reaped. Returns how many it ran.
+unsigned int callRegisteredChildFuncs(void);
+
+// The SIGCHLD callback: reaps every child that has ended or stopped, then runs their callbacks.
+void schedChildDone(int sig);
+
+int initProcesses(void);
+
+// Calls every fork hook, oldest first.
+void applyForkTab(int phase, int value);
+
+// In the child of a fork: forgets the parent's children without calling anybody.
+void forgetAllChildren(void);
