@@ -4,4 +4,6 @@
 
 #include <sched.h>
 
-int ioYield(void) { return ::sched_yield(); }
+int ioYield(void) {
+    return ::sched_yield();
+}

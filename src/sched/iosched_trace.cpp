@@ -1,0 +1,12 @@
+// The trace hook: one callback through which the loop and the chunk allocator report what they do.
+
+#include "sched/sched_internal.h"
+
+SchedTraceFunc schedTraceCallbackFunc = nullptr;
+int schedTraceLevel = 0;
+
+void SetSchedTraceCallback(SchedTraceFunc func, int level) {
+    const bool on = func != nullptr && level != 0;
+    schedTraceCallbackFunc = on ? func : nullptr;
+    schedTraceLevel = on ? level : 0;
+}

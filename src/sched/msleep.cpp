@@ -1,0 +1,28 @@
+// Waiting some milliseconds while the loop goes on: what all sleeping functions are made of.
+
+#include "sched/sched_internal.h"
+
+namespace {
+
+void sleepdone(SchedTimer *t) {
+    *static_cast<int *>(t->arg) = 1;
+}
+
+}  // namespace
+
+void sleepInLoop(int64_t ms) {
+    if (ms == 0) {
+        (void)iosched(0);
+        return;
+    }
+    int done = 0;
+    SchedTimer timer{sleepdone, &done, ms, nullptr, 0};
+    startTimer(&timer);
+    while (done == 0)
+        (void)iosched(-1);  // -1 only says that a signal came, most likely this timer's
+}
+
+int msleep(unsigned int ms) {
+    sleepInLoop(ms);
+    return 0;
+}
