@@ -1,5 +1,5 @@
 # What `cmake --install` lays down: headers, both libraries, iosched.pc, the CMake package, arenactl
-# and the man pages. Two components, as Debian splits them: "runtime" and "development".
+# and the man pages. Three components, packaged one by one: "runtime", "development" and "tools".
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/iosched)
@@ -32,17 +32,46 @@ install(EXPORT iosched-targets NAMESPACE iosched:: DESTINATION ${package_dir}
     COMPONENT development)
 
 if(TARGET arenactl)
-    install(TARGETS arenactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+    install(TARGETS arenactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 endif()
 
-# docs/man/NAME.SECTION: commands belong to the runtime, the rest to developers.
+# docs/man/NAME.SECTION: commands belong to the tools, the rest to developers.
 foreach(section 1 3 7 8)
     file(GLOB pages CONFIGURE_DEPENDS docs/man/*.${section})
     if(section EQUAL 1 OR section EQUAL 8)
-        set(component runtime)
+        set(component tools)
     else()
         set(component development)
     endif()
     install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
         COMPONENT ${component})
 endforeach()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR "the iosched authors")
+set(CPACK_PACKAGE_CONTACT "the iosched authors <iosched@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "event loop and shared memory for single-threaded servers")
+set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime development)
+if(TARGET arenactl)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libiosched${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libiosched-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    "libiosched${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libc6-dev")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME iosched-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+install(FILES LICENSE DESTINATION share/doc/libiosched${PROJECT_VERSION_MAJOR}
+    COMPONENT runtime RENAME copyright)
+install(FILES LICENSE DESTINATION share/doc/libiosched-dev COMPONENT development RENAME copyright)
+install(FILES LICENSE DESTINATION share/doc/iosched-tools COMPONENT tools RENAME copyright)
+include(CPack)
