@@ -3,6 +3,7 @@
 #include "sched/sched_internal.h"
 
 #include "procs/procs_internal.h"
+#include "shared/shared_internal.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -22,7 +23,7 @@ constexpr struct {
 } kModules[] = {
     {"initIosched", initIosched},     {"initSignals", initSignals},
     {"initProcesses", initProcesses}, {"initDelayedCalls", initDelayedCalls},
-    {"initTimers", initTimers},
+    {"initTimers", initTimers},       {"initMutexes", initMutexes},
 };
 
 // The text behind the prefix of InitSched's message, cut to what room there is.

@@ -71,6 +71,18 @@ static_assert(offsetof(BlockHeader, references) == 0x20 && offsetof(BlockHeader,
 constexpr uint64_t kBlockAlignment = 8;
 constexpr uint64_t kMinBlockSize = 48;  // a header and one byte of data, rounded up
 
+// ---- arena_format.cpp ----
+
+// Empties the file and fills it with zeros up to the size, a multiple of the page size. 0, or -1
+// with errno (ENOSPC when it does not fit). The caller holds the file exclusively.
+int writeEmptyArenaFile(int fd, uint64_t size);
+
+// Makes an arena with one free block out of a mapped file of zeros. 0 or SCHED_ERR_SYSTEM.
+uint32_t initialiseArenaHeader(SharedArena *arena);
+
+// 0, or SHARED_ERR_MAGIC or SHARED_ERR_VERSION when the mapped file is not an arena to work with.
+uint32_t checkArenaHeader(const SharedArena *arena);
+
 // ---- offsets and addresses ----
 
 inline ArenaHeader *arenaHeader(const SharedArena *arena) {
