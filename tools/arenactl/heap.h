@@ -1,0 +1,27 @@
+// Reads the heap of an arena: its blocks, from the two lists that hold them.
+//
+// The lists are the only source. A block that no list holds shows as a gap between the blocks that
+// are listed, which the checks of the tiling report.
+#pragma once
+
+#include "findings.h"
+#include "layout.h"
+
+#include <string>
+#include <vector>
+
+struct HeapBlock {
+    uint64_t offset;     // of the block header
+    uint64_t size;       // header included; always inside the arena
+    uint64_t chunkSize;  // as stored; may exceed the block in a damaged arena
+    uint32_t references;
+    bool allocated;
+    bool named;
+    bool sound;  // the chunk lies inside its block
+    std::string name;
+
+    uint64_t data() const { return offset + sizeof(layout::Block); }
+};
+
+// The blocks of both lists in ascending order of address, each once.
+std::vector<HeapBlock> readHeap(const ArenaView &arena, Findings &findings);
