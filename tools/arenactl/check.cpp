@@ -1,70 +1,75 @@
 #include "check.h"
 
+#include "mutex_words.h"
+
 #include <algorithm>
 #include <cinttypes>
 
 namespace {
 
-constexpr uint32_t kSharedKind = 0x80;
+constexpr uint64_t kPageBytes = 4096;
+
+// Where the words lie in the 40 bytes of the pthread mutex.
+constexpr uint64_t kOwnerOffset = offsetof(pthread_mutex_t, __data.__owner);
+constexpr uint64_t kKindOffset = offsetof(pthread_mutex_t, __data.__kind);
 
 void readMutex(const ArenaView &arena, uint64_t offset, const std::string &place,
                ArenaModel *model) {
-    const auto mutex = arena.load<layout::Mutex>(offset);
+    const auto mutex = arena.load<SharedMutex>(offset);
+    const MutexWords words = mutexWords(mutex);
     Findings &findings = model->findings;
     findings.guardedBy(offset);
-    model->mutexes.push_back({offset, place, mutex.word, mutex.owner, mutex.holder});
-    if (mutex.kind != kSharedKind) {
-        findings.add("mutex-kind", offset + offsetof(layout::Mutex, kind), 4, place + ", mutex",
-                     printed("kind 0x%" PRIx32
-                             ", where a mutex shared between processes has 0x%" PRIx32,
-                             mutex.kind, kSharedKind));
+    model->mutexes.push_back({offset, place, words.lock, words.owner, mutex.holder});
+    if (words.kind != kSharedMutexKind) {
+        findings.add("mutex-kind", offset + kKindOffset, 4, place + ", mutex",
+                     printed("kind 0x%" PRIx32 ", where every arena mutex has 0x%" PRIx32,
+                             words.kind, kSharedMutexKind));
     }
-    if (mutex.word > 2) {
+    if (words.lock > 2) {
         findings.add(
             "mutex-word", offset, 4, place + ", mutex",
-            printed("lock word %" PRIu32 ", where only 0, 1 and 2 mean anything", mutex.word));
+            printed("lock word %" PRIu32 ", where only 0, 1 and 2 mean anything", words.lock));
     }
-    // The holder field and the owner are cleared before the lock word.
-    if (mutex.word == 0 && (mutex.holder != 0 || mutex.owner != 0)) {
+    // The holder is cleared before the mutex is unlocked, and its owner before its lock word.
+    if (words.lock == 0 && (mutex.holder != 0 || words.owner != 0)) {
         const bool byHolder = mutex.holder != 0;
-        findings.add(
-            "mutex-holder",
-            offset + (byHolder ? offsetof(layout::Mutex, holder) : offsetof(layout::Mutex, owner)),
-            4, place + (byHolder ? ", holder" : ", mutex owner"),
-            printed("names process %" PRIu32 ", but the mutex is free",
-                    byHolder ? mutex.holder : mutex.owner));
+        findings.add("mutex-holder",
+                     offset + (byHolder ? offsetof(SharedMutex, holder) : kOwnerOffset), 4,
+                     place + (byHolder ? ", holder" : ", owner of the mutex"),
+                     printed("names process %" PRIu32 ", but the mutex is free",
+                             byHolder ? mutex.holder : words.owner));
     }
     if (mutex.padding != 0) {
-        findings.add("padding", offset + offsetof(layout::Mutex, padding), 4,
+        findings.add("padding", offset + offsetof(SharedMutex, padding), 4,
                      place + ", padding after the holder", "is not zero");
     }
 }
 
 bool readHeader(const ArenaView &arena, ArenaModel *model) {
     Findings &findings = model->findings;
-    if (arena.size() < sizeof(layout::Header)) {
+    if (arena.size() < sizeof(ArenaHeader)) {
         findings.add("short", 0, arena.size(), "file",
                      printed("%" PRIu64 " bytes; an arena header takes %zu", arena.size(),
-                             sizeof(layout::Header)));
+                             sizeof(ArenaHeader)));
         return false;
     }
-    const auto header = arena.load<layout::Header>(0);
+    const auto header = arena.load<ArenaHeader>(0);
     model->magic = header.magic;
     model->version = header.version;
-    if (header.magic != layout::kMagic) {
-        findings.add("magic", offsetof(layout::Header, magic), 4, "header, magic",
+    if (header.magic != kArenaMagic) {
+        findings.add("magic", offsetof(ArenaHeader, magic), 4, "header, magic",
                      printed("0x%08" PRIx32 " instead of 0x%08" PRIx32
                              ": not an arena, or never initialised to its end",
-                             header.magic, layout::kMagic));
+                             header.magic, kArenaMagic));
         return false;
     }
-    if (header.version != layout::kVersion) {
-        findings.add("version", offsetof(layout::Header, version), 4, "header, layout version",
+    if (header.version != kArenaVersion) {
+        findings.add("version", offsetof(ArenaHeader, version), 4, "header, layout version",
                      printed("%" PRIu32 "; this program reads layout %" PRIu32, header.version,
-                             layout::kVersion));
+                             kArenaVersion));
         return false;
     }
-    if (arena.size() % layout::kPageBytes != 0) {
+    if (arena.size() % kPageBytes != 0) {
         findings.add(
             "file-size", 0, arena.size(), "file",
             printed("%" PRIu64 " bytes are not whole pages; it was cut or grew", arena.size()));

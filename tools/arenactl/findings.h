@@ -14,6 +14,8 @@ struct Finding {
     uint64_t guard;       // arena offset of the mutex under which these bytes change
     std::string place;    // which field of what, in words
     std::string problem;  // what is wrong with it, in words
+    // Found while a living process held the guard: perhaps only a change half made.
+    bool unsure = false;
 };
 
 // A damaged arena can break a rule once for every block; the list keeps the first thousand and
@@ -31,7 +33,8 @@ public:
             unlisted_++;
             return;
         }
-        list_.push_back({code, offset, length, guard_, std::move(place), std::move(problem)});
+        list_.push_back(
+            {code, offset, length, guard_, std::move(place), std::move(problem), false});
     }
 
     std::vector<Finding> &list() { return list_; }

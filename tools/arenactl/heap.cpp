@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr uint64_t kHeaderBytes = sizeof(layout::Block);
+constexpr uint64_t kHeaderBytes = sizeof(BlockHeader);
 
 std::string blockAt(uint64_t offset, const char *field) {
     return printed("block at 0x%" PRIx64 ", %s", offset, field);
@@ -28,7 +28,7 @@ public:
         while (const uint64_t offset = arena_.load<uint64_t>(linkField)) {
             if (!canFollow(offset, linkField, linkPlace)) return;
             seen_[offset / 8] = true;
-            const auto block = arena_.load<layout::Block>(offset);
+            const auto block = arena_.load<BlockHeader>(offset);
             if (!allocated && offset < previous) {
                 findings_.add("free-order", linkField, 8, linkPlace,
                               printed("leads back to 0x%" PRIx64
@@ -55,7 +55,7 @@ private:
         const char *problem = nullptr;
         if (offset % 8 != 0)
             problem = "is not on an 8-byte boundary";
-        else if (offset < layout::kHeapStart)
+        else if (offset < kHeapOffset)
             problem = "lies in the arena header";
         else if (!arena_.holds(offset, kHeaderBytes))
             problem = "lies past the end of the arena";
@@ -80,12 +80,12 @@ private:
         });
     }
 
-    void addBlock(uint64_t offset, const layout::Block &header) {
+    void addBlock(uint64_t offset, const BlockHeader &header) {
         HeapBlock block{
             offset, header.blockSize, header.chunkSize, header.references, allocated_, false, true,
             {}};
         const uint64_t room = arena_.size() - offset;
-        if (block.size % 8 != 0 || block.size < kHeaderBytes + 8 || block.size > room) {
+        if (block.size % 8 != 0 || block.size < kMinBlockSize || block.size > room) {
             const char *problem = block.size > room     ? "more than the arena has left there"
                                   : block.size % 8 != 0 ? "not a multiple of 8"
                                                         : "too small to hold anything";
@@ -94,58 +94,7 @@ private:
             block.size = std::min(std::max(block.size, kHeaderBytes), room);
             block.sound = false;
         }
-        if (allocated_) checkChunk(header, &block);
         blocks_.push_back(std::move(block));
-    }
-
-    void checkChunk(const layout::Block &header, HeapBlock *block) {
-        const uint64_t offset = block->offset;
-        const uint64_t room = block->size - kHeaderBytes;
-        if (header.references == 0) {
-            findings_.add("references", offset + 0x20, 4, blockAt(offset, "reference count"),
-                          "0 on an allocated block; the last free returns a block to the heap");
-        }
-        if (header.chunkSize == 0 || header.chunkSize > room) {
-            findings_.add("chunk-size", offset + 0x18, 8, blockAt(offset, "chunk size"),
-                          printed("%" PRIu64 " bytes, where the block has room for 1 to %" PRIu64,
-                                  header.chunkSize, room));
-            block->sound = false;
-            return;
-        }
-        uint64_t used = header.chunkSize;
-        if (header.name != 0) {
-            if (!readName(header, block)) return;
-            used += block->name.size() + 1;
-        }
-        const uint64_t needed = kHeaderBytes + ((used + 7) & ~uint64_t{7});
-        if (block->sound && block->size > needed + kHeaderBytes) {
-            findings_.add("block-surplus", offset + 0x10, 8, blockAt(offset, "block size"),
-                          printed("%" PRIu64 " bytes for contents of %" PRIu64
-                                  "; so much surplus would have been split off",
-                                  block->size, needed));
-        }
-    }
-
-    // A name stands right behind the chunk's data and ends inside the block.
-    bool readName(const layout::Block &header, HeapBlock *block) {
-        const uint64_t begin = block->data() + header.chunkSize;
-        const uint64_t end = block->offset + block->size;
-        if (header.name != begin) {
-            findings_.add("name-place", block->offset + 8, 8, blockAt(block->offset, "name"),
-                          printed("0x%" PRIx64 ", but a name stands behind the data, at 0x%" PRIx64,
-                                  header.name, begin));
-            return false;
-        }
-        const std::string_view rest(arena_.text(begin), end - begin);
-        const size_t length = rest.find('\0');
-        if (length == rest.npos) {
-            findings_.add("name-end", begin, end - begin, blockAt(block->offset, "name"),
-                          "does not end inside its block");
-            return false;
-        }
-        block->named = true;
-        block->name = rest.substr(0, length);
-        return true;
     }
 
     const ArenaView &arena_;
@@ -155,16 +104,69 @@ private:
     bool allocated_ = false;
 };
 
+// A name stands right behind the chunk's data and ends inside the block.
+bool readName(const ArenaView &arena, const BlockHeader &header, HeapBlock *block,
+              Findings &findings) {
+    const uint64_t begin = block->data() + header.chunkSize;
+    const uint64_t end = block->offset + block->size;
+    if (header.name != begin) {
+        findings.add("name-place", block->offset + 8, 8, blockAt(block->offset, "name"),
+                     printed("0x%" PRIx64 ", but a name stands behind the data, at 0x%" PRIx64,
+                             header.name, begin));
+        return false;
+    }
+    const std::string_view rest(arena.text(begin), end - begin);
+    const size_t length = rest.find('\0');
+    if (length == rest.npos) {
+        findings.add("name-end", begin, end - begin, blockAt(block->offset, "name"),
+                     "does not end inside its block");
+        return false;
+    }
+    block->named = true;
+    block->name = rest.substr(0, length);
+    return true;
+}
+
+void readChunk(const ArenaView &arena, HeapBlock *block, Findings &findings) {
+    const auto header = arena.load<BlockHeader>(block->offset);
+    const uint64_t offset = block->offset;
+    const uint64_t room = block->size - kHeaderBytes;
+    if (header.references == 0) {
+        findings.add("references", offset + 0x20, 4, blockAt(offset, "reference count"),
+                     "0 on an allocated block; the last free returns a block to the heap");
+    }
+    if (header.chunkSize == 0 || header.chunkSize > room) {
+        findings.add("chunk-size", offset + 0x18, 8, blockAt(offset, "chunk size"),
+                     printed("%" PRIu64 " bytes, where the block has room for 1 to %" PRIu64,
+                             header.chunkSize, room));
+        block->sound = false;
+        return;
+    }
+    uint64_t used = header.chunkSize;
+    if (header.name != 0) {
+        if (!readName(arena, header, block, findings)) return;
+        used += block->name.size() + 1;
+    }
+    const uint64_t needed = kHeaderBytes + ((used + 7) & ~uint64_t{7});
+    if (block->sound && block->size > needed + kHeaderBytes) {
+        findings.add("block-surplus", offset + 0x10, 8, blockAt(offset, "block size"),
+                     printed("%" PRIu64 " bytes for contents of %" PRIu64
+                             "; so much surplus would have been split off",
+                             block->size, needed));
+    }
+}
+
 // The blocks of both lists follow one another without a gap from the header to the end of the file.
-void checkTiling(const ArenaView &arena, const std::vector<HeapBlock> &blocks, Findings &findings) {
-    uint64_t expected = layout::kHeapStart;
+void checkTiling(const ArenaView &arena, std::vector<HeapBlock> &blocks, Findings &findings) {
+    uint64_t expected = kHeapOffset;
     const HeapBlock *before = nullptr;
-    for (const HeapBlock &block : blocks) {
+    for (HeapBlock &block : blocks) {
         if (block.offset > expected) {
             findings.add("heap-gap", expected, block.offset - expected, "heap",
                          printed("%" PRIu64 " bytes belong to no block of either list",
                                  block.offset - expected));
         } else if (block.offset < expected) {
+            block.sound = false;
             findings.add("heap-overlap", block.offset, expected - block.offset, "heap",
                          printed("the block at 0x%" PRIx64
                                  " overlaps the one before it, at 0x%" PRIx64,
@@ -204,10 +206,15 @@ void checkNames(const std::vector<HeapBlock> &blocks, Findings &findings) {
 std::vector<HeapBlock> readHeap(const ArenaView &arena, Findings &findings) {
     findings.guardedBy(0);
     HeapReader reader(arena, findings);
-    reader.walk(offsetof(layout::Header, freeHead), false);
-    reader.walk(offsetof(layout::Header, allocatedHead), true);
+    reader.walk(offsetof(ArenaHeader, freeList), false);
+    reader.walk(offsetof(ArenaHeader, allocatedList), true);
     std::vector<HeapBlock> blocks = reader.takeBlocks();
     checkTiling(arena, blocks, findings);
+    // Chunks are read where blocks do not overlap, so that no input makes this read the same bytes
+    // once for every block.
+    for (HeapBlock &block : blocks) {
+        if (block.allocated && block.sound) readChunk(arena, &block, findings);
+    }
     checkNames(blocks, findings);
     return blocks;
 }

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "findings.h"
-#include "layout.h"
+#include "shared/shared_internal.h"
 
 #include <string>
 #include <vector>
@@ -17,10 +17,10 @@ struct HeapBlock {
     uint32_t references;
     bool allocated;
     bool named;
-    bool sound;  // the chunk lies inside its block
+    bool sound;  // overlaps no block before it, and its chunk lies inside it
     std::string name;
 
-    uint64_t data() const { return offset + sizeof(layout::Block); }
+    uint64_t data() const { return offset + sizeof(BlockHeader); }
 };
 
 // The blocks of both lists in ascending order of address, each once.

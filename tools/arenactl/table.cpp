@@ -1,5 +1,7 @@
 #include "table.h"
 
+#include "mutex_words.h"
+
 #include <algorithm>
 #include <bit>
 #include <cinttypes>
@@ -8,10 +10,10 @@
 
 namespace {
 
-constexpr uint64_t kHeaderBytes = sizeof(layout::Table);
-constexpr uint64_t kHeadBytes = sizeof(layout::Links);
-constexpr uint64_t kFileBytes = sizeof(layout::File);
-constexpr uint64_t kRecordBytes = sizeof(layout::Record);
+constexpr uint64_t kHeaderBytes = sizeof(SharedFileLockHeader);
+constexpr uint64_t kHeadBytes = sizeof(SharedLink);
+constexpr uint64_t kFileBytes = sizeof(SharedFileEntry);
+constexpr uint64_t kRecordBytes = sizeof(SharedLockRecord);
 constexpr uint32_t kLeastBuckets = 16;
 constexpr uint64_t kNobody = ~uint64_t{0};
 
@@ -57,12 +59,12 @@ public:
     Survey(const ArenaView &arena, const Places &places, uint64_t end)
         : arena_(arena), places_(places), end_(end), isFile_((end - places.firstFile()) / 8, false),
           isRecord_(isFile_.size(), false) {
-        collectFiles(places.base + offsetof(layout::Table, freeFiles));
+        collectFiles(places.base + offsetof(SharedFileLockHeader, freeEntries));
         for (uint64_t i = 0; i < places.buckets; i++)
             collectFiles(places.bucketHead(i));
-        collectRecords(places.base + offsetof(layout::Table, freeRecords));
+        collectRecords(places.base + offsetof(SharedFileLockHeader, freeRecords));
         for (const uint64_t file : std::vector<uint64_t>(files_))
-            collectRecords(file + offsetof(layout::File, records));
+            collectRecords(file + offsetof(SharedFileEntry, records));
         std::sort(files_.begin(), files_.end());
         std::sort(records_.begin(), records_.end());
     }
@@ -146,10 +148,10 @@ public:
                    "lock record"} {}
 
     void read() {
-        table_->freeFiles = walk(places_.base + offsetof(layout::Table, freeFiles), files_,
+        table_->freeFiles = walk(places_.base + offsetof(SharedFileLockHeader, freeEntries), files_,
                                  "free file-entry list", [](uint64_t) {});
-        table_->freeRecords = walk(places_.base + offsetof(layout::Table, freeRecords), records_,
-                                   "free lock-record list", [](uint64_t) {});
+        table_->freeRecords = walk(places_.base + offsetof(SharedFileLockHeader, freeRecords),
+                                   records_, "free lock-record list", [](uint64_t) {});
         for (uint32_t i = 0; i < places_.buckets; i++) {
             walk(places_.bucketHead(i), files_, printed("bucket %" PRIu32, i),
                  [&](uint64_t offset) { readFile(offset, i); });
@@ -178,9 +180,9 @@ private:
         for (;;) {
             const uint64_t next = arena_.load<uint64_t>(at);
             if (next != head && !claim(next, at, slots, list)) return count;
-            const uint64_t back = arena_.load<uint64_t>(next + offsetof(layout::Links, prev));
+            const uint64_t back = arena_.load<uint64_t>(next + offsetof(SharedLink, prev));
             if (back != at) {
-                findings_.add("back-link", next + offsetof(layout::Links, prev), 8,
+                findings_.add("back-link", next + offsetof(SharedLink, prev), 8,
                               place(list) + (next == head ? ", the head's prev" : ", prev"),
                               printed("leads to 0x%" PRIx64
                                       ", but the list comes here from 0x%" PRIx64,
@@ -213,7 +215,7 @@ private:
     }
 
     void readFile(uint64_t offset, uint32_t bucket) {
-        const auto entry = arena_.load<layout::File>(offset);
+        const auto entry = arena_.load<SharedFileEntry>(offset);
         const size_t nameLength = ::strnlen(entry.name, sizeof(entry.name));
         TableFile file{offset,
                        bucket,
@@ -221,10 +223,10 @@ private:
                        entry.word1,
                        entry.combinedMode,
                        entry.openLimit,
-                       entry.opens,
+                       entry.openCount,
                        std::string(entry.name, nameLength),
                        {}};
-        walk(offset + offsetof(layout::File, records), records_,
+        walk(offset + offsetof(SharedFileEntry, records), records_,
              printed("records of file entry %" PRIu64, files_.slotAt(offset)),
              [&](uint64_t at) { readRecord(at, &file); });
         checkFile(entry, file);
@@ -232,18 +234,18 @@ private:
     }
 
     void readRecord(uint64_t offset, TableFile *file) {
-        const auto record = arena_.load<layout::Record>(offset);
-        const bool isOpen = record.start == 0 && record.end == -1;
+        const auto record = arena_.load<SharedLockRecord>(offset);
+        const bool isOpen = isOpenRecord(record);
         file->records.push_back({offset, record.pid, record.owner, record.handle, record.start,
                                  record.end, record.mode, isOpen});
         if (record.pid == 0 || record.pid > INT32_MAX) {
-            findings_.add("record-pid", offset + offsetof(layout::Record, pid), 4,
+            findings_.add("record-pid", offset + offsetof(SharedLockRecord, pid), 4,
                           place(printed("lock record %" PRIu64 ", pid", records_.slotAt(offset))),
                           printed("%" PRIu32 " is no process id", record.pid));
         }
-        if (record.zero != 0 || record.zero2 != 0) {
-            const size_t field =
-                record.zero != 0 ? offsetof(layout::Record, zero) : offsetof(layout::Record, zero2);
+        if (record.zero0 != 0 || record.zero1 != 0) {
+            const size_t field = record.zero0 != 0 ? offsetof(SharedLockRecord, zero0)
+                                                   : offsetof(SharedLockRecord, zero1);
             findings_.add(
                 "padding", offset + field, 4,
                 place(printed("lock record %" PRIu64 ", padding", records_.slotAt(offset))),
@@ -251,7 +253,7 @@ private:
         }
     }
 
-    void checkFile(const layout::File &entry, const TableFile &file) {
+    void checkFile(const SharedFileEntry &entry, const TableFile &file) {
         uint32_t modes = 0;
         uint32_t opens = 0;
         for (const TableRecord &record : file.records) {
@@ -260,21 +262,21 @@ private:
             opens++;
         }
         if (modes != file.combinedMode) {
-            findings_.add("combined-mode", file.offset + offsetof(layout::File, combinedMode), 4,
+            findings_.add("combined-mode", file.offset + offsetof(SharedFileEntry, combinedMode), 4,
                           filePlace(file, "combined mode"),
                           printed("0x%08" PRIx32 ", but its opens together make 0x%08" PRIx32,
                                   file.combinedMode, modes));
         }
         if (opens != file.opens) {
             findings_.add(
-                "open-count", file.offset + offsetof(layout::File, opens), 4,
+                "open-count", file.offset + offsetof(SharedFileEntry, openCount), 4,
                 filePlace(file, "open count"),
                 printed("%" PRIu32 ", but it has %" PRIu32 " open records", file.opens, opens));
         }
         const uint32_t bucket =
             static_cast<uint32_t>(((file.word0 & 0xFFFFFFFF) ^ file.word1) % places_.buckets);
         if (bucket != file.bucket) {
-            findings_.add("wrong-bucket", file.offset + offsetof(layout::File, word0), 16,
+            findings_.add("wrong-bucket", file.offset + offsetof(SharedFileEntry, word0), 16,
                           filePlace(file, "key"),
                           printed("belongs in bucket %" PRIu32 " but hangs in bucket %" PRIu32,
                                   bucket, file.bucket));
@@ -282,17 +284,17 @@ private:
         checkName(entry, file);
     }
 
-    void checkName(const layout::File &entry, const TableFile &file) {
+    void checkName(const SharedFileEntry &entry, const TableFile &file) {
         const char *const end = std::end(entry.name);
         const bool padded =
             std::all_of(entry.name + file.name.size(), end, [](char c) { return c == '\0'; });
         if (!padded) {
-            findings_.add("file-name", file.offset + offsetof(layout::File, name),
+            findings_.add("file-name", file.offset + offsetof(SharedFileEntry, name),
                           sizeof(entry.name), filePlace(file, "name"),
                           "goes on behind its end; the rest of the field is NUL bytes");
         }
         if (entry.zero != 0) {
-            findings_.add("padding", file.offset + offsetof(layout::File, zero), 4,
+            findings_.add("padding", file.offset + offsetof(SharedFileEntry, zero), 4,
                           filePlace(file, "padding"), "is not zero");
         }
     }
@@ -321,7 +323,7 @@ private:
                 places.emplace(std::pair(file.word0, file.word1), file.offset);
             if (isNew) continue;
             findings_.add(
-                "key-twice", file.offset + offsetof(layout::File, word0), 16,
+                "key-twice", file.offset + offsetof(SharedFileEntry, word0), 16,
                 filePlace(file, "key"),
                 printed("is also the key of the file entry at 0x%" PRIx64, other->second));
         }
@@ -336,17 +338,17 @@ private:
 };
 
 // The words of the header that never change once the table is ready.
-void checkHeader(const layout::Table &header, const LockTable &table, Findings &findings) {
+void checkHeader(const SharedFileLockHeader &header, const LockTable &table, Findings &findings) {
     const std::string name = "table " + quoted(table.name) + ", ";
-    if (header.state != layout::kTableReady) {
-        findings.add("table-state", table.offset + offsetof(layout::Table, state), 4,
+    if (header.state != SHARED_FILE_TABLE_READY) {
+        findings.add("table-state", table.offset + offsetof(SharedFileLockHeader, state), 4,
                      name + "state",
                      printed("%" PRIu32 ", where a ready table has %" PRIu32, header.state,
-                             layout::kTableReady));
+                             SHARED_FILE_TABLE_READY));
     }
-    if (header.zero != 0 || header.zero2 != 0) {
-        const size_t field =
-            header.zero != 0 ? offsetof(layout::Table, zero) : offsetof(layout::Table, zero2);
+    if (header.zero0 != 0 || header.zero1 != 0) {
+        const size_t field = header.zero0 != 0 ? offsetof(SharedFileLockHeader, zero0)
+                                               : offsetof(SharedFileLockHeader, zero1);
         findings.add("padding", table.offset + field, 4, name + "padding", "is not zero");
     }
 }
@@ -356,31 +358,31 @@ void checkHeader(const layout::Table &header, const LockTable &table, Findings &
 bool looksLikeTable(const ArenaView &arena, const HeapBlock &chunk) {
     const uint64_t leastBytes = kHeaderBytes + kLeastBuckets * kHeadBytes;
     if (!chunk.named || !chunk.sound || chunk.chunkSize < leastBytes) return false;
-    const auto header = arena.load<layout::Table>(chunk.data());
+    const auto header = arena.load<SharedFileLockHeader>(chunk.data());
     const auto inChunk = [&](uint64_t link) {
         return link % 8 == 0 && link >= chunk.data() && link - chunk.data() < chunk.chunkSize;
     };
-    const int signs = (header.state == layout::kTableReady) +
-                      plausibleBuckets(header.buckets, chunk.chunkSize) +
-                      (header.mutex.kind == 0x80) +
-                      (inChunk(header.freeFiles.next) && inChunk(header.freeFiles.prev)) +
+    const int signs = (header.state == SHARED_FILE_TABLE_READY) +
+                      plausibleBuckets(static_cast<uint32_t>(header.bucketCount), chunk.chunkSize) +
+                      looksLikeMutex(header.mutex) +
+                      (inChunk(header.freeEntries.next) && inChunk(header.freeEntries.prev)) +
                       (inChunk(header.freeRecords.next) && inChunk(header.freeRecords.prev));
     return signs >= 3;
 }
 
 LockTable readTable(const ArenaView &arena, const HeapBlock &chunk, Findings &findings) {
     findings.guardedBy(chunk.data());
-    const auto header = arena.load<layout::Table>(chunk.data());
+    const auto header = arena.load<SharedFileLockHeader>(chunk.data());
     LockTable table{};
     table.offset = chunk.data();
     table.size = chunk.chunkSize;
     table.name = chunk.name;
     table.state = header.state;
-    table.buckets = header.buckets;
+    table.buckets = static_cast<uint32_t>(header.bucketCount);
     checkHeader(header, table, findings);
     Places places{table.offset, table.buckets, 0, 0};
     if (!plausibleBuckets(table.buckets, table.size)) {
-        findings.add("buckets", table.offset + offsetof(layout::Table, buckets), 4,
+        findings.add("buckets", table.offset + offsetof(SharedFileLockHeader, bucketCount), 4,
                      "table " + quoted(table.name) + ", bucket count",
                      printed("%" PRIu32 " is not a power of two from 16 up with room in a chunk of "
                              "%" PRIu64 " bytes",

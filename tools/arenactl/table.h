@@ -6,7 +6,7 @@
 
 #include "findings.h"
 #include "heap.h"
-#include "layout.h"
+#include "shared/locks_internal.h"
 
 #include <string>
 #include <vector>
@@ -46,6 +46,13 @@ struct LockTable {
     uint64_t freeRecords;
     std::vector<TableFile> files;  // in bucket order
     bool readable;                 // the counts could be worked out and the lists were read
+
+    uint64_t recordsInUse() const {
+        uint64_t count = 0;
+        for (const TableFile &file : files)
+            count += file.records.size();
+        return count;
+    }
 };
 
 // Does this chunk hold a lock table, or what is left of one? Decided by most of the signs that one

@@ -1,9 +1,16 @@
 #include "text.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+
+namespace {
+
+constexpr size_t kShownNameBytes = 200;
+
+}  // namespace
 
 std::string printed(const char *format, ...) {
     va_list arguments;
@@ -37,6 +44,8 @@ size_t utf8Length(std::string_view text) {
 
 std::string quoted(std::string_view name) {
     std::string shown = "\"";
+    const bool isLong = name.size() > kShownNameBytes;
+    name = name.substr(0, kShownNameBytes);
     while (!name.empty()) {
         const size_t length = utf8Length(name);
         const auto first = static_cast<unsigned char>(name[0]);
@@ -53,7 +62,7 @@ std::string quoted(std::string_view name) {
         shown += name.substr(0, length);
         name.remove_prefix(length);
     }
-    return shown + '"';
+    return shown + (isLong ? "\"..." : "\"");
 }
 
 std::string hexBytes(std::span<const std::byte> bytes) {
@@ -67,4 +76,29 @@ std::string hexBytes(std::span<const std::byte> bytes) {
 
 std::string counted(uint64_t count, const char *one, const char *many) {
     return printed("%" PRIu64 " %s", count, count == 1 ? one : many);
+}
+
+void Columns::row(std::vector<std::string> cells) {
+    if (widths_.size() < cells.size()) widths_.resize(cells.size());
+    for (size_t i = 0; i < cells.size(); i++)
+        widths_[i] = std::max(widths_[i], cells[i].size());
+    rows_.push_back(std::move(cells));
+}
+
+std::string Columns::text(size_t indent) const {
+    std::string text;
+    for (const std::vector<std::string> &cells : rows_) {
+        std::string line(indent, ' ');
+        for (size_t i = 0; i < cells.size(); i++) {
+            const size_t gap = widths_[i] - cells[i].size();
+            const bool right = rightAligned_.contains(i);
+            if (right) line.append(gap, ' ');
+            line += cells[i];
+            if (!right) line.append(gap, ' ');
+            line += "  ";
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += line + '\n';
+    }
+    return text;
 }
