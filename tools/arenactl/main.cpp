@@ -19,6 +19,9 @@ constexpr int kFine = 0;
 constexpr int kUsage = 1;
 constexpr int kDefaultWaitMs = 250;
 
+// "@(#)", for programs that look for identification strings, is nothing to show.
+constexpr size_t kMarkLength = 4;
+
 constexpr const char *kHelp =
     "usage: arenactl [--json] [-w MS] info|chunks|locks|check ARENA\n"
     "\n"
@@ -105,6 +108,7 @@ bool parseOptions(int argc, char **argv, Options *options) {
         do {
             if (ZORoptind < argc) options->operands.push_back(argv[ZORoptind++]);
         } while (ended && ZORoptind < argc);
+        ZORoptreset = 1;  // or it would take the moved index for an option group to go on with
     }
     return true;
 }
@@ -144,7 +148,7 @@ int main(int argc, char **argv) {
     Options options;
     if (!parseOptions(argc, argv, &options)) return usageError("that was not understood");
     if (options.help) return print(kHelp, kFine);
-    if (options.version) return print(std::string(iosched_version) + "\n", kFine);
+    if (options.version) return print(std::string(iosched_version + kMarkLength) + "\n", kFine);
     if (options.operands.size() != 2) return usageError("give a command and the path of an arena");
     Command command;
     if (!findCommand(options.operands[0], &command))
