@@ -19,5 +19,4 @@ endif()
 # iosched_freestanding_cxx: C++ whose objects a C program can link without libstdc++.
 add_library(iosched_freestanding_cxx INTERFACE)
 target_compile_options(iosched_freestanding_cxx INTERFACE
-    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
-    -fvisibility=hidden)
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
