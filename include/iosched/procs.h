@@ -77,46 +77,119 @@ pid_t ioFork(void);
 
 /* ---- starting programs ---- */
 
+/* Bits of SpawnOptions.flags: which of the other fields count. */
+#define SPAWN_EXTFLAGS 0x1u    /* extFlags */
+#define SPAWN_STDIN 0x2u       /* stdinFd becomes standard input */
+#define SPAWN_STDOUT 0x4u      /* stdoutFd becomes standard output */
+#define SPAWN_STDERR 0x8u      /* stderrFd becomes standard error */
+#define SPAWN_CHDIR 0x10u      /* directory becomes the working directory */
+#define SPAWN_SETUID 0x20u     /* run as uid */
+#define SPAWN_SETGID 0x40u     /* run as gid */
+#define SPAWN_ARGV 0x80u       /* argv is the argument vector; the shell is never used */
+#define SPAWN_PUTENV 0x100u    /* environment is added to the environment */
+#define SPAWN_SETGROUPS 0x400u /* groups become the supplementary groups */
+
+/* Bits of SpawnOptions.extFlags. */
+#define SPAWN_EXT_DEVNULL 0x1u /* descriptors 0, 1 and 2 on /dev/null; overrides the redirections */
+#define SPAWN_EXT_SETSID 0x2u  /* start a new session */
+#define SPAWN_EXT_SETPGRP 0x4u /* lead a new process group */
+#define SPAWN_EXT_NOPATH 0x8u  /* the command is a path: no search of PATH, no shell */
+
+/* What the child changes before it becomes the program. Stays the caller's and is only read, in the
+ * child; a field counts only with its bit. */
 typedef struct SpawnOptions {
-    uint32_t flags;
-    uint32_t extFlags;
-    int32_t stdinFd;
-    int32_t stdoutFd;
-    int32_t stderrFd;
-    const char *directory;
-    uint32_t uid;
-    uint32_t gid;
-    char *const *argv;
-    char *const *environment;
-    int32_t groupCount;
-    const uint32_t *groups;
+    uint32_t flags;        /* SPAWN_ bits */
+    uint32_t extFlags;     /* SPAWN_EXT_ bits */
+    int32_t stdinFd;       /* redirections are made in this order, each by dup2; then those of */
+    int32_t stdoutFd;      /* the three that are above 2 are closed in the child. One descriptor */
+    int32_t stderrFd;      /* may serve several; one that is its own target is left alone */
+    const char *directory; /* path, NUL-terminated */
+    uint32_t uid;          /* user id */
+    uint32_t gid;          /* group id */
+    char *const *argv;     /* strings, ended by a null pointer; argv[0] included */
+    char *const *environment; /* NAME=value strings, ended by a null pointer */
+    int32_t groupCount;       /* how many ids groups has */
+    const uint32_t *groups;   /* group ids */
 } SpawnOptions;
 
-#define SPAWN_EXTFLAGS 0x1u
-#define SPAWN_STDIN 0x2u
-#define SPAWN_STDOUT 0x4u
-#define SPAWN_STDERR 0x8u
-#define SPAWN_CHDIR 0x10u
-#define SPAWN_SETUID 0x20u
-#define SPAWN_SETGID 0x40u
-#define SPAWN_ARGV 0x80u
-#define SPAWN_PUTENV 0x100u
-#define SPAWN_SETGROUPS 0x400u
-
-#define SPAWN_EXT_DEVNULL 0x1u
-#define SPAWN_EXT_SETSID 0x2u
-#define SPAWN_EXT_SETPGRP 0x4u
-#define SPAWN_EXT_NOPATH 0x8u
-
+/* Starts a program and returns at once. The child redirects its descriptors, then changes directory,
+ * group, supplementary groups, user, session, process group and environment, in that order, and
+ * executes the command. All other descriptors that are not close-on-exec reach the program, as do
+ * ignored signals; caught ones are at their default there, and none is blocked.
+ *
+ *   options  NULL stands for no bits set.
+ *   command  with SPAWN_ARGV or SPAWN_EXT_NOPATH a program; else a program too, unless it contains
+ *            white space or any of $*?[]{}<>|&;~()'`" , which make it a command line for /bin/sh. A
+ *            program without SPAWN_EXT_NOPATH is searched for in PATH. Without SPAWN_ARGV its only
+ *            argument is its own name.
+ *
+ * Returns the child's process id; -1 with fork's errno, or with EINVAL for a null command, and
+ * nothing started. A child that cannot make one of its changes (redirections and environment are not
+ * checked) or cannot execute the program ends with exit status 127. Runs no fork hooks. Register the
+ * child before the next pass of the loop. */
 pid_t spawnProcess(const SpawnOptions *options, const char *command);
 
+/* ---- shell commands and pipes ---- */
+
+/* These stand in for system(), popen() and pclose() in a process that runs the loop, and need
+ * InitSched(). Their waits run passes, so every callback goes on being served, and nest; they last
+ * until the command ends, or stops: it counts as ended then. */
+
+/* Runs a command, as spawnProcess(NULL, command) starts it, and waits for it. SIGINT and SIGQUIT are
+ * ignored meanwhile, and come back as they were; the command has them as they were before.
+ *
+ * Returns the command's status word, to which WIFEXITED() and its like apply: 0x7f00 when it could
+ * not be executed. -1 when it could not be started, with fork's errno, ENOMEM, or EINVAL for a null
+ * command. */
 int ZORsystem(const char *command);
+
+/* Starts a command, as spawnProcess() does, with a stream to its standard input or from its standard
+ * output. No other command inherits the stream's descriptor.
+ *
+ *   mode  for fdopen(); 'r' at its start reads the command's output, anything else writes its input.
+ *
+ * Returns the stream, to be closed with ZORpclose() and nothing else. NULL with nothing started and
+ * nothing left open: errno from pipe, fdopen or fork, ENOMEM, or EINVAL for a null argument. Passes
+ * that run before ZORpclose() collect the command when it ends; its status is kept. */
 FILE *ZORpopen(const char *command, const char *mode);
+
+/* Closes a stream of ZORpopen() and waits for its command, which sees the end of its input or, when
+ * it still writes, a broken pipe.
+ *
+ * Returns the command's status word. -1 with errno ECHILD, and the stream closed all the same, when
+ * it is none of ZORpopen()'s, or was opened before a fork by the parent of this process and its
+ * command had not ended by then. */
 int ZORpclose(FILE *stream);
 
+/* ---- daemons and pseudo-terminals ---- */
+
+/* Puts the program into the background: forks, ends the calling process with exit(0), exit handlers
+ * included, and returns in the child, which leads a new session without a terminal. Directory, umask
+ * and descriptors stay as they are. Call it before InitSched(), children and arenas: no fork hooks
+ * run, running timers stop, and children stay behind with the process that ends.
+ *
+ * Returns 0 in the child; -1 with fork's errno in the calling process, which goes on. */
 int daemonify(void);
+
+/* Starts a new session without a terminal. Returns its id, or -1 with errno EPERM when the caller
+ * leads a process group already. */
 int disassociate(void);
+
+/* Opens the master of a free pseudo-terminal, neither close-on-exec nor the caller's terminal.
+ *
+ *   name  receives the path of the slave; 20 bytes of room. Of no meaning after a failure.
+ *
+ * Returns the master's descriptor, or -1 with the errno of the last device tried. */
 int allocPty(char *name);
+
+/* Opens a slave as the controlling terminal of the calling process, which must lead a session
+ * without one (see disassociate()). Sets cooked line modes with echo at 9600 baud, the usual
+ * characters for interrupt, erase, kill and end of file, and the window size.
+ *
+ *   columns, rows  0 to 65535; 0 stands for unknown.
+ *
+ * Returns the slave's descriptor. -1 with the errno of the step that failed and nothing left open:
+ * EPERM when the caller has a terminal already or leads no session. */
 int setupSlave(const char *name, int columns, int rows);
 
 #pragma GCC visibility pop

@@ -15,14 +15,14 @@
 
 #include "sched/sched_internal.h"
 
-namespace {
-
 struct ChildRecord : ListLink {
     int32_t pid;  // at most one record per pid across both lists
     ChildDoneFunc callback;
     void *argument;
     ChildStatus status;  // filled in when the child is reaped
 };
+
+namespace {
 
 struct ForkHook : ListLink {
     ForkHookFunc function;  // null: removed during a walk, freed when the walk ends
@@ -38,6 +38,11 @@ constinit ListLink forkHead{&forkHead, &forkHead};
 // Walks of the hook table that are active: a hook may itself fork. No hook is freed before it is 0.
 int forkHeadBusy = 0;
 
+void freeRecord(ListLink *record) {
+    unlinkNode(record);
+    std::free(record);
+}
+
 ChildRecord *findChild(ListLink *head, int pid) {
     for (ListLink *link = head->next; link != head; link = link->next) {
         auto *record = static_cast<ChildRecord *>(link);
@@ -46,9 +51,25 @@ ChildRecord *findChild(ListLink *head, int pid) {
     return nullptr;
 }
 
-void freeRecord(ListLink *record) {
-    unlinkNode(record);
-    std::free(record);
+// Gives the child's record, reaped or not, another callback. False when there is none.
+bool changeRegistration(int pid, ChildDoneFunc callback, void *arg) {
+    ChildRecord *record = findChild(&pidHead, pid);
+    if (record == nullptr) record = findChild(&diedPidHead, pid);
+    if (record == nullptr) return false;
+    if (callback == nullptr) {
+        freeRecord(record);
+        return true;
+    }
+    record->callback = callback;
+    record->argument = arg;
+    return true;
+}
+
+void listChild(ChildRecord *record, int pid, ChildDoneFunc callback, void *arg) {
+    record->pid = pid;
+    record->callback = callback;
+    record->argument = arg;
+    appendToList(&pidHead, record);
 }
 
 void freeChildren(ListLink *head) {
@@ -67,28 +88,31 @@ void sweepForkHooks() {
 }  // namespace
 
 int registerChild(int pid, ChildDoneFunc callback, void *arg) {
-    ChildRecord *record = findChild(&pidHead, pid);
-    if (record == nullptr) record = findChild(&diedPidHead, pid);
-    if (record != nullptr) {
-        if (callback == nullptr) {
-            freeRecord(record);
-            return 0;
-        }
-        record->callback = callback;
-        record->argument = arg;
-        return 0;
-    }
+    if (changeRegistration(pid, callback, arg)) return 0;
     if (callback == nullptr) {
         errno = ESRCH;
         return -1;
     }
-    record = newRecord<ChildRecord>();
+    ChildRecord *record = reserveChild();
     if (record == nullptr) return -1;
-    record->pid = pid;
-    record->callback = callback;
-    record->argument = arg;
-    appendToList(&pidHead, record);
+    listChild(record, pid, callback, arg);
     return 0;
+}
+
+ChildRecord *reserveChild(void) {
+    return newRecord<ChildRecord>();
+}
+
+void commitChild(ChildRecord *reserved, int pid, ChildDoneFunc callback, void *arg) {
+    if (changeRegistration(pid, callback, arg))
+        std::free(reserved);
+    else
+        listChild(reserved, pid, callback, arg);
+}
+
+void dropReservation(ChildRecord *reserved) {
+    ErrnoGuard keep;
+    std::free(reserved);
 }
 
 void schedChildDied(int pid, const ChildStatus *status) {

@@ -14,6 +14,13 @@ void schedChildDone(int sig);
 
 int initProcesses(void);
 
+// registerChild in two steps, for who cannot undo the start of a child: what may fail comes first.
+// The reservation is the caller's until it is committed or dropped.
+struct ChildRecord;
+ChildRecord *reserveChild(void);  // null with errno ENOMEM
+void commitChild(ChildRecord *reserved, int pid, ChildDoneFunc callback, void *arg);
+void dropReservation(ChildRecord *reserved);  // keeps errno
+
 // Calls every fork hook, oldest first.
 void applyForkTab(int phase, int value);
 

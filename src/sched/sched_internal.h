@@ -54,8 +54,9 @@ bool selfPipeIsLost(void);
 // callbacks of the signals that arrived meanwhile. Returns whether the self-pipe is there again.
 bool recoverSelfPipe(void);
 
-// For a child about to execute a program: gives every caught signal back to its default action, so
-// that no callback of the parent can run in the child. All signals are to be blocked around it.
+// For a child about to execute a program: gives every signal that has a handler, the library's or the
+// program's own, back to its default action as exec does, so that no code of the parent can run in
+// the child. All signals are to be blocked around it.
 void forgetCaughtSignalsInChild(void);
 
 // ---- timer.cpp ----

@@ -215,8 +215,11 @@ int afterForkChildSelfPipe(void) {
 void forgetCaughtSignalsInChild(void) {
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
-    for (int sig = 1; sig < kSignalSlots; ++sig)
-        if (handlers[sig].func != nullptr) (void)::sigaction(sig, &action, nullptr);
+    for (int sig = 1; sig < kSignalSlots; ++sig) {
+        struct sigaction present = {};
+        if (::sigaction(sig, nullptr, &present) == -1) continue;  // kept by the C library
+        if (isCallback(present.sa_handler)) (void)::sigaction(sig, &action, nullptr);
+    }
 }
 
 int initSignals(void) {
