@@ -26,3 +26,6 @@ void applyForkTab(int phase, int value);
 
 // In the child of a fork: forgets the parent's children without calling anybody.
 void forgetAllChildren(void);
+
+// Takes a terminal away from everybody who has it open. -1 with errno ENOSYS on this system.
+int revokeTerminal(const char *name);
