@@ -2,6 +2,7 @@
 
 #include "sched/sched_internal.h"
 
+#include "aio/aio_internal.h"
 #include "procs/procs_internal.h"
 #include "shared/shared_internal.h"
 
@@ -23,7 +24,8 @@ constexpr struct {
 } kModules[] = {
     {"initIosched", initIosched},     {"initSignals", initSignals},
     {"initProcesses", initProcesses}, {"initDelayedCalls", initDelayedCalls},
-    {"initTimers", initTimers},       {"initMutexes", initMutexes},
+    {"initTimers", initTimers},       {"initAsyncIO", initAsyncIO},
+    {"initMutexes", initMutexes},
 };
 
 // The text behind the prefix of InitSched's message, cut to what room there is.
