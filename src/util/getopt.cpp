@@ -59,6 +59,7 @@ int ZORgetopt(int argc, char *const *argv, const char *optstring) {
     if (ZORoptind == 0) ZORoptind = 1;
     if (!insideGroup(argv) && !enterGroup(argc, argv)) return -1;
 
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): bytes above 127 come back negative by contract
     const int option = static_cast<signed char>(argv[suboptind][subopt++]);
     const char *known = std::strchr(optstring, option);
     if (known == nullptr) {

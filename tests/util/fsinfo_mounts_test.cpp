@@ -3,6 +3,24 @@
 #include "util/own_mounts.h"
 #include "util/util_internal.h"
 
+// The linker sends this program's calls of calloc and strdup through here, the library's included.
+// Each fails for the calls whose bit is set, the next call's bit being the lowest.
+extern "C" {
+unsigned failingCallocs = 0, failingStrdups = 0;
+void *__real_calloc(size_t count, size_t size);
+void *__wrap_calloc(size_t count, size_t size) {
+    const bool fails = (failingCallocs & 1) != 0;
+    failingCallocs >>= 1;
+    return fails ? nullptr : __real_calloc(count, size);
+}
+char *__real_strdup(const char *text);
+char *__wrap_strdup(const char *text) {
+    const bool fails = (failingStrdups & 1) != 0;
+    failingStrdups >>= 1;
+    return fails ? nullptr : __real_strdup(text);
+}
+}
+
 namespace {
 
 // Replaces /etc/mtab, within the namespace.
@@ -56,6 +74,32 @@ TEST(MountPoints, MissingTableLeavesAnEmptyCacheAndRescans) {
         writeMountTable("first " + place + " tmpfs rw 0 0\nlast " + place + " tmpfs rw 0 0\n");
         EXPECT_STREQ(findMountedDevice(deviceNumber(place)), "first");
     });
+}
+
+// A record that cannot be had costs its own line, a name that cannot be copied ends the loading, and
+// a rescan that meets either finds nothing. Of one place's lines, the device found tells which were
+// loaded: the last of those.
+TEST(MountPoints, LackOfMemoryCostsOneLineOrTheRest) {
+    const struct {
+        unsigned callocs, strdups;
+        const char *device;
+    } cases[] = {{0b100, 0, "two"},      {0b010, 0, "three"},  {0, 0b010000, "two"},
+                 {0, 0b000100, "one"},   {0, 0b000001, "one"}, {0b1111, 0, nullptr},
+                 {0b0111, 0b10, nullptr}};
+    for (const auto &lack : cases) {
+        runWithOwnMounts([&] {
+            ScratchMount scratch;
+            const std::string place = scratch.tmpfs("place");
+            hideEtc();
+            writeMountTable("one " + place + " tmpfs rw 0 0\n" + "two " + place +
+                            " tmpfs rw 0 0\n" + "three " + place + " tmpfs rw 0 0\n");
+            failingCallocs = lack.callocs;
+            failingStrdups = lack.strdups;
+            EXPECT_STREQ(findMountedDevice(deviceNumber(place)), lack.device);
+            failingCallocs = failingStrdups = 0;
+        });
+        if (IsSkipped()) return;
+    }
 }
 
 TEST(MountPoints, LookupLeavesNoDescriptorOpen) {

@@ -120,7 +120,15 @@ std::string randomText(std::mt19937 &random, const char *alphabet, size_t longes
     return text;
 }
 
-TEST(Getopt, AgreesWithAParserWrittenApartOverRandomVectors) {
+class Getopt : public ::testing::Test {
+protected:
+    Getopt() {
+        ZORoptind = 1;
+        ZORopterr = 1;
+    }
+};
+
+TEST_F(Getopt, AgreesWithAParserWrittenApartOverRandomVectors) {
     std::mt19937 random(20261);
     std::string messages;
     ::testing::internal::CaptureStderr();
@@ -141,7 +149,7 @@ TEST(Getopt, AgreesWithAParserWrittenApartOverRandomVectors) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), messages);
 }
 
-TEST(Getopt, OnlyZORopterrSilencesTheMessages) {
+TEST_F(Getopt, OnlyZORopterrSilencesTheMessages) {
     const Vector vector({"-xb"});
     ::testing::internal::CaptureStderr();
     (void)parse(vector, ":b:");
@@ -153,12 +161,12 @@ TEST(Getopt, OnlyZORopterrSilencesTheMessages) {
               "/opt/bin/prog: option requires an argument -- b\n");
 }
 
-TEST(Getopt, ByteAbove127ComesBackAsASignedChar) {
+TEST_F(Getopt, ByteAbove127ComesBackAsASignedChar) {
     const Vector vector({"-\xe9"});
     EXPECT_EQ(nextStep(vector, "\xe9").result, static_cast<signed char>(0xe9));
 }
 
-TEST(Getopt, NullPointerAndNotTheCountDecidesWhetherAnArgumentIsMissing) {
+TEST_F(Getopt, NullPointerAndNotTheCountDecidesWhetherAnArgumentIsMissing) {
     const Vector vector({"-b", "value"});
     EXPECT_EQ(ZORgetopt(2, vector.argv(), "b:"), 'b');
     EXPECT_STREQ(ZORoptarg, "value");
@@ -167,7 +175,7 @@ TEST(Getopt, NullPointerAndNotTheCountDecidesWhetherAnArgumentIsMissing) {
     EXPECT_EQ(ZORoptind, 3);
 }
 
-TEST(Getopt, ResetAbandonsAGroupAtItsPlace) {
+TEST_F(Getopt, ResetAbandonsAGroupAtItsPlace) {
     const Vector vector({"-abc", "-d"});
     EXPECT_EQ(nextStep(vector, "abcd").result, 'a');
     ZORoptreset = 1;
@@ -176,7 +184,7 @@ TEST(Getopt, ResetAbandonsAGroupAtItsPlace) {
     EXPECT_EQ(nextStep(vector, "abcd").result, -1);
 }
 
-TEST(Getopt, MovingTheIndexAbandonsAGroupAndEntersAnyWord) {
+TEST_F(Getopt, MovingTheIndexAbandonsAGroupAndEntersAnyWord) {
     const Vector vector({"-abc", "operand", "-d"});
     EXPECT_EQ(nextStep(vector, "abcd").result, 'a');
     ZORoptind = 3;
@@ -184,7 +192,7 @@ TEST(Getopt, MovingTheIndexAbandonsAGroupAndEntersAnyWord) {
 }
 
 // The caller takes a short word by itself right after an option whose argument ended its group.
-TEST(Getopt, SkippingAWordByHandReadsNothingBehindItsEnd) {
+TEST_F(Getopt, SkippingAWordByHandReadsNothingBehindItsEnd) {
     const Vector vector({"-bvalue", "x", "-a"});
     EXPECT_EQ(nextStep(vector, "ab:").result, 'b');
     ++ZORoptind;
