@@ -1,0 +1,188 @@
+#include "iosched/util.h"
+
+#include "support/scratch_dir.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+namespace {
+
+constexpr uint32_t kShared = MEMMAP_READ | MEMMAP_WRITE | MEMMAP_SHARED;
+
+// A file of 10000 bytes whose byte at position p is p % 251, and the arguments of a call on it.
+class MapView : public ::testing::Test {
+protected:
+    MapView() {
+        std::string bytes(10000, '\0');
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = byteAt(i);
+        writeFile(dir / "file", bytes);
+        fd = ::open((dir / "file").c_str(), O_RDWR | O_CLOEXEC);
+    }
+    ~MapView() override { ::close(fd); }
+
+    static char byteAt(size_t position) { return static_cast<char>(position % 251); }
+    int map(uint32_t flags) { return MemMap(&length, flags, fd, &offset, &start, &address); }
+    void expectNothingMapped() {
+        EXPECT_EQ(start, nullptr);
+        EXPECT_EQ(address, nullptr);
+    }
+
+    ScratchDir dir;
+    int fd;
+    uint64_t length = 0;
+    int64_t offset = 0;
+    void *start = nullptr;
+    void *address = &length;  // a failure is to clear it
+};
+
+TEST_F(MapView, StartsAtThePageBoundaryBelowTheOffset) {
+    offset = 5000;
+    length = 100;
+    ASSERT_EQ(map(kShared), 0);
+    EXPECT_EQ(offset, 4096);
+    EXPECT_EQ(length, 1004u);
+    EXPECT_EQ(address, static_cast<char *>(start) + 904);
+    EXPECT_EQ(*static_cast<char *>(address), byteAt(5000));
+    EXPECT_EQ(MemUnmap(address, length), -1);
+    EXPECT_EQ(MemUnmap(start, length), 0);
+}
+
+TEST_F(MapView, LengthZeroReachesToTheEndOfTheFile) {
+    ASSERT_EQ(map(kShared), 0);
+    EXPECT_EQ(length, 10000u);
+    EXPECT_EQ(offset, 0);
+    EXPECT_EQ(address, start);
+    EXPECT_EQ(static_cast<char *>(start)[9999], byteAt(9999));
+    EXPECT_EQ(MemUnmap(start, length), 0);
+}
+
+TEST_F(MapView, AnEmptyStretchIsInvalid) {
+    for (const int64_t place : {10000, 10001, 20000}) {
+        offset = place;
+        start = &offset;
+        errno = 0;
+        EXPECT_EQ(map(kShared), -1);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(offset, place);
+        EXPECT_EQ(length, 0u);
+        expectNothingMapped();
+    }
+}
+
+TEST_F(MapView, ALengthThatWouldWrapIsRefused) {
+    offset = 5000;
+    length = UINT64_MAX;
+    EXPECT_EQ(map(kShared), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(offset, 5000);
+    EXPECT_EQ(length, UINT64_MAX);
+    expectNothingMapped();
+}
+
+TEST_F(MapView, NullArgumentsAreInvalidAndNothingIsStored) {
+    start = &offset;
+    errno = 0;
+    EXPECT_EQ(MemMap(nullptr, kShared, fd, &offset, &start, &address), -1);
+    EXPECT_EQ(MemMap(&length, kShared, fd, nullptr, &start, &address), -1);
+    EXPECT_EQ(MemMap(&length, kShared, fd, &offset, nullptr, &address), -1);
+    EXPECT_EQ(MemMap(&length, kShared, fd, &offset, &start, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(start, &offset);
+    EXPECT_EQ(address, &length);
+}
+
+TEST_F(MapView, FailuresOfTheSystemKeepTheirErrno) {
+    errno = 0;
+    EXPECT_EQ(MemMap(&length, kShared, -1, &offset, &start, &address), -1);
+    EXPECT_EQ(errno, EBADF);
+    expectNothingMapped();
+
+    const int readOnly = ::open((dir / "file").c_str(), O_RDONLY | O_CLOEXEC);
+    address = &length;
+    offset = 5000;
+    EXPECT_EQ(MemMap(&length, kShared, readOnly, &offset, &start, &address), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(offset, 5000);
+    expectNothingMapped();
+    ::close(readOnly);
+
+    EXPECT_EQ(map(MEMMAP_READ), -1) << "neither shared nor private";
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(MapView, RefusedFlagsLeaveErrnoAndIgnoredOnesDoNothing) {
+    for (const uint32_t refused : {0x080u, 0x100u, 0x400u}) {
+        errno = ENOTTY;
+        address = &length;
+        EXPECT_EQ(map(kShared | refused), -1);
+        EXPECT_EQ(errno, ENOTTY);
+        expectNothingMapped();
+    }
+    ASSERT_EQ(map(kShared | 0x008 | 0xfffff000), 0);
+    EXPECT_EQ(MemUnmap(start, length), 0);
+}
+
+TEST_F(MapView, SharedWritesReachTheFileAndPrivateOnesDoNot) {
+    char byte = 0;
+    ASSERT_EQ(map(MEMMAP_READ | MEMMAP_WRITE | MEMMAP_PRIVATE | MEMMAP_NORESERVE), 0);
+    static_cast<char *>(start)[7] = 'p';
+    EXPECT_EQ(::pread(fd, &byte, 1, 7), 1);
+    EXPECT_EQ(byte, byteAt(7));
+    EXPECT_EQ(MemUnmap(start, length), 0);
+
+    start = nullptr;
+    ASSERT_EQ(map(kShared | MEMMAP_DONTNEED), 0);
+    static_cast<char *>(start)[7] = 's';
+    EXPECT_EQ(::pread(fd, &byte, 1, 7), 1);
+    EXPECT_EQ(byte, 's');
+    EXPECT_EQ(MemUnmap(start, length), 0);
+}
+
+TEST_F(MapView, WithoutProtectionBitsNothingCanBeRead) {
+    std::array<int, 2> ends;
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    ASSERT_EQ(map(MEMMAP_SHARED), 0);
+    EXPECT_EQ(::write(ends[1], start, 1), -1);
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(MemUnmap(start, length), 0);
+    for (const int end : ends)
+        ::close(end);
+}
+
+TEST_F(MapView, FixedUsesTheAddressGiven) {
+    void *place = ::mmap(nullptr, 16384, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(place, MAP_FAILED);
+    start = static_cast<char *>(place) + 4096;
+    void *const wanted = start;
+    ASSERT_EQ(map(kShared | MEMMAP_FIXED), 0);
+    EXPECT_EQ(start, wanted);
+    EXPECT_EQ(static_cast<char *>(start)[1], byteAt(1));
+    EXPECT_EQ(MemUnmap(start, length), 0);
+    ::munmap(place, 16384);
+}
+
+TEST_F(MapView, UnmappingTwiceOrAStrangersMappingIsRefused) {
+    void *strange = ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(strange, MAP_FAILED);
+    ASSERT_EQ(map(kShared), 0);
+    EXPECT_EQ(MemUnmap(start, length), 0);
+    errno = ENOTTY;
+    EXPECT_EQ(MemUnmap(start, length), -1);
+    EXPECT_EQ(MemUnmap(strange, 4096), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(::munmap(strange, 4096), 0);
+}
+
+TEST_F(MapView, AnUnmappingThatFailsKeepsItsRecord) {
+    ASSERT_EQ(map(kShared), 0);
+    errno = 0;
+    EXPECT_EQ(MemUnmap(start, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(MemUnmap(start, length), 0);
+}
+
+}  // namespace
