@@ -1,6 +1,11 @@
 /* iosched/util.h: small system utilities that need no loop.
  *
  * Option parsing, file-system figures and quotas, mapped file views, bounded strings, file times.
+ * What holds for the whole header:
+ *
+ * - No start-up call: everything here works before InitSched() and without it.
+ * - Not reentrant: the parser, the mount table's cache and the list of views belong to one thread.
+ * - Nothing calls back into the program.
  */
 #ifndef IOSCHED_UTIL_H
 #define IOSCHED_UTIL_H
@@ -104,8 +109,9 @@ typedef struct FSInfo {
 int GetFSInfo(int fd, const char *path, int options, FSInfo *info);
 
 /* Sets the size in bytes of the blocks that quota limits are counted in, for the whole process and
- * from the next GetFSInfo() on; 0 restores the system's own (1024). The size is not checked: a
- * negative one gives limits that no use fits in. Returns 0. */
+ * from the next GetFSInfo() on; 0 restores the kernel's own (1024, or 512 where it has no
+ * /proc/sys/fs/quota). The size is not checked: a negative one leaves nothing free under any limit.
+ * Returns 0. */
 int SetQuotaBlockSize(int size);
 
 /* ---- small portability functions ---- */
