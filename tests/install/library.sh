@@ -16,10 +16,8 @@ grep '^[A-Za-z_]' "$SOURCE/src/exports.list" | sed 's/$/@@IOSCHED_7.1/' | sort >
 nm -D --defined-only "$so" | awk '$3 != "IOSCHED_7.1" { print $3 }' | sort >"$scratch/exported"
 diff "$scratch/listed" "$scratch/exported" || fail "exported symbols differ from src/exports.list"
 
-# C++ leaves marks in the names of what it needs: none may be asked for.
-runtime=$(nm -u "$LIBDIR/libiosched.a" | awk '/ U (_Z|__cxa|__gxx|_Unwind)/ { print $2 }' | sort -u)
-for name in $runtime; do
-    # Mangled names of the library's own are fine.
-    nm --defined-only "$LIBDIR/libiosched.a" 2>/dev/null | grep -q " $name\$" ||
-        fail "an object needs the C++ run-time library: $name"
-done
+# C++ leaves marks in the names of what it needs: beside the library's own, none may be asked for.
+nm --defined-only "$LIBDIR/libiosched.a" | awk 'NF == 3 { print $3 }' | sort -u >"$scratch/own"
+nm -u "$LIBDIR/libiosched.a" | awk '$2 ~ /^(_Z|__cxa|__gxx|_Unwind)/ { print $2 }' | sort -u |
+    comm -23 - "$scratch/own" >"$scratch/runtime"
+[ ! -s "$scratch/runtime" ] || fail "the C++ run-time library is needed: $(cat "$scratch/runtime")"
