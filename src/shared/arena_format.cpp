@@ -9,6 +9,7 @@
 int writeEmptyArenaFile(int fd, uint64_t size) {
     // First of all this takes the magic away: whoever is killed from here on leaves no arena behind.
     if (::ftruncate(fd, 0) < 0) return -1;
+    if (::lseek(fd, 0, SEEK_SET) < 0) return -1;  // an earlier attempt may have moved it
 
     const auto page = static_cast<size_t>(::getpagesize());
     HeapGuard<char> zeros(static_cast<char *>(std::calloc(1, page)));
