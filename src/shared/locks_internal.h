@@ -1,10 +1,10 @@
 // The lock table's bytes, and the walks and primitives that its units share.
 //
 // A table is one chunk of an arena, mapped at another address in every process: all links are byte
-// offsets from the arena's base, 0 = none. Lists are circular through a head that lies in the table;
-// an empty head holds its own offset twice. The table's mutex guards every byte of it from creation
-// on. Native byte order. A change of layout needs another value of SHARED_FILE_TABLE_READY, by which
-// processes built for this layout would refuse the table.
+// offsets from the arena's base, 0 = none. Lists are circular through a head that lies in the
+// table; an empty head holds its own offset twice. The table's mutex guards every byte of it from
+// creation on. Native byte order. A change of layout needs another value of
+// SHARED_FILE_TABLE_READY, by which processes built for this layout would refuse the table.
 #pragma once
 
 #include "iosched/shared.h"
@@ -95,7 +95,8 @@ static_assert(offsetof(SharedFileEntry, zero) == 0x4C);
 static_assert(offsetof(SharedFileEntry, records) == 0x50);
 static_assert(sizeof(SharedFileEntry) == 0x60);
 
-// One open of a file or one byte-range lock on it, in the file's record list; unused, in freeRecords.
+// One open of a file or one byte-range lock on it, in the file's record list; unused, in
+// freeRecords.
 //
 //   0x00  16  link
 //   0x10   4  pid     the holder is this triple
@@ -244,9 +245,9 @@ private:
     SharedFileLockHeader *header_;
 };
 
-// Runs operation(TableView) under the table's mutex, which it releases however the operation returns.
-// Returns the mutex's error, else the operation's result. The operation must not call an exported
-// function: the mutex is not recursive.
+// Runs operation(TableView) under the table's mutex, which it releases however the operation
+// returns. Returns the mutex's error, else the operation's result. The operation must not call an
+// exported function: the mutex is not recursive.
 template <class Operation>
 int underTableMutex(const SharedFileLockTable *table, Operation operation) {
     const TableView view(table);

@@ -1,0 +1,45 @@
+// Oplocks: who holds one on a file, and how a holder lowers it or gives it up.
+//
+// The table tells nobody that somebody waits. An opener that was refused asks for the holders here
+// and reaches them by its own means.
+
+#include "shared/locks_internal.h"
+
+#include "shared/pid_internal.h"
+
+int GetOplockHolders(SharedFileLockTable *table, const SharedFileKey *key, uint32_t *pids,
+                     uint32_t capacity, uint32_t *count) {
+    *count = 0;
+    return underTableMutex(table, [=](TableView view) {
+        const SharedFileEntry *entry = findEntry(view, *key);
+        if (entry == nullptr) return 0;
+        uint32_t found = 0;
+        for (const SharedLockRecord &record : view.records(*entry)) {
+            if (found == capacity) break;
+            if (isOpenRecord(record) && (record.mode & SHARED_FILE_OPLOCK_MASK)) {
+                pids[found++] = record.pid;
+            }
+        }
+        *count = found;
+        return 0;
+    });
+}
+
+int SetSharedFileMode(SharedFileLockTable *table, uint32_t owner, uint32_t handle,
+                      const SharedFileKey *key, uint32_t mode) {
+    const LockHolder holder{ownPid(), owner, handle};
+    return underTableMutex(table, [=](TableView view) {
+        SharedFileEntry *entry = findEntry(view, *key);
+        if (entry == nullptr) return SHARED_ERR_NOTOPEN;
+        for (SharedLockRecord &record : view.records(*entry)) {
+            if (!isHeldBy(record, holder)) continue;
+            // An oplock can be kept, changed or given up, but not taken this way.
+            const bool wantsOplock = (mode & SHARED_FILE_OPLOCK_MASK) != 0;
+            if (wantsOplock && !(record.mode & SHARED_FILE_OPLOCK_MASK)) return SHARED_ERR_OPLOCK;
+            record.mode = mode;
+            rebuildMode(view, entry);
+            return 0;
+        }
+        return SHARED_ERR_DENIED;
+    });
+}
