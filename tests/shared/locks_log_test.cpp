@@ -8,6 +8,7 @@
 #include "support/lock_table.h"
 #include "support/lock_table_bytes.h"
 
+#include <cstring>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>

@@ -2,35 +2,30 @@
 #pragma once
 
 #include "iosched/shared.h"
+#include "support/scratch_dir.h"
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 
 class ScratchArena {
 public:
-    explicit ScratchArena(uint64_t bytes = 1 << 20) : dir_(testing::TempDir() + "locks.XXXXXX") {
-        if (::mkdtemp(dir_.data()) == nullptr) ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
+    explicit ScratchArena(uint64_t bytes = 1 << 20) {
         const uint32_t code =
             OpenSharedArena(path().c_str(), SHARED_ARENA_CREATE, 0600, bytes, &arena);
         if (code != 0) ADD_FAILURE() << "OpenSharedArena: " << code << " errno " << errno;
     }
     ~ScratchArena() {
         if (arena != nullptr) (void)CloseSharedArena(arena);
-        (void)::unlink(path().c_str());
-        (void)::rmdir(dir_.c_str());
     }
     ScratchArena(const ScratchArena &) = delete;
     ScratchArena &operator=(const ScratchArena &) = delete;
-    std::string path() const { return dir_ + "/arena"; }
+    std::string path() const { return dir_ / "arena"; }
 
     SharedArena *arena = nullptr;
 
 private:
-    std::string dir_;
+    ScratchDir dir_;
 };
 
 class ScratchTable : public ScratchArena {
