@@ -1,0 +1,161 @@
+// RUN: a program's output streamed to the client, while the loop serves everybody else.
+//
+// Off unless the server was started with -R: it hands the server's own rights to whoever connects.
+//
+// Two things have to come before the command has ended, in either order: the end of the output and
+// the end of the child. What the child leaves running in its process group is killed, or else it
+// could keep the pipe open, and the client waiting, for as long as it likes.
+
+#include "request.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <iosched/aio.h>
+#include <iosched/procs.h>
+#include <unistd.h>
+
+namespace {
+
+int programs;  // running now
+
+class RunJob : public Job {
+public:
+    explicit RunJob(Connection &connection) : connection_(connection) {
+        programs++;
+        read_.buffer = buffer_;
+        read_.length = sizeof buffer_;
+        read_.callback = onOutput;
+        read_.userData = this;
+        limit_.func = onLimit;
+        limit_.arg = this;
+        limit_.interval = kRunLimitMs;
+    }
+
+    // Also when the client has gone in the middle: then the program goes too.
+    ~RunJob() override {
+        programs--;
+        (void)stopTimer(&limit_);
+        AIOCancelRead(&read_);
+        if (pipe_ >= 0) (void)close(pipe_);
+        if (pid_ == 0) return;
+        (void)registerChild(pid_, nullptr, nullptr);  // the library reaps it all the same
+        killProgram();
+    }
+
+    bool begin(const char *command);
+    void turn() override;
+
+private:
+    static int onOutput(AIORequest *request);
+    static void onEnd(void *arg, const ChildStatus *status);
+    static void onLimit(SchedTimer *timer);
+    void finish();
+
+    // The group, and the child by its own number in case it has not made the group yet.
+    void killProgram() const {
+        (void)kill(pid_, SIGKILL);
+        (void)kill(-pid_, SIGKILL);
+    }
+
+    Connection &connection_;  // owns this job
+    pid_t pid_ = 0;           // 0 = none, or reaped
+    int pipe_ = -1;           // the program's output
+    bool outputEnded_ = false;
+    ChildStatus status_{};
+    AIORequest read_{};
+    SchedTimer limit_{};
+    char buffer_[16 * 1024];
+};
+
+bool RunJob::begin(const char *command) {
+    int writeEnd = -1;
+    if (AIOPipe(&pipe_, &writeEnd, AIO_PIPE_NONBLOCK_READ) != 0) return false;
+    // Neither end may reach another program; the copies on its descriptors 1 and 2 lose the mark.
+    (void)fcntl(pipe_, F_SETFD, FD_CLOEXEC);
+    (void)fcntl(writeEnd, F_SETFD, FD_CLOEXEC);
+    const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    char shell[] = "sh", dashC[] = "-c";
+    char *const argv[] = {shell, dashC, const_cast<char *>(command), nullptr};
+    SpawnOptions options{};
+    options.flags =
+        SPAWN_EXTFLAGS | SPAWN_STDIN | SPAWN_STDOUT | SPAWN_STDERR | SPAWN_CHDIR | SPAWN_ARGV;
+    options.extFlags = SPAWN_EXT_SETPGRP;
+    options.stdinFd = null;
+    options.stdoutFd = options.stderrFd = writeEnd;
+    options.directory = settings.root;
+    options.argv = argv;
+    pid_ = spawnProcess(&options, "/bin/sh");
+    const int saved = errno;
+    (void)close(null);
+    (void)close(writeEnd);  // only the program has it now, so its end is seen as the output's end
+    errno = saved;
+    if (pid_ < 0) {
+        pid_ = 0;
+        return false;
+    }
+    (void)registerChild(pid_, onEnd, this);
+    startTimer(&limit_);
+    return true;
+}
+
+void RunJob::turn() {
+    read_.fd = pipe_;
+    if (!outputEnded_ && AIORead(&read_) != 0 && errno != EALREADY) killProgram();
+}
+
+// Non-zero goes on reading. A client that does not keep up stops the reading, and with the pipe
+// full that stops the program.
+int RunJob::onOutput(AIORequest *request) {
+    auto *job = static_cast<RunJob *>(request->userData);
+    if (request->error == EINTR) return 1;
+    if (request->error != 0 || request->transferred == 0) {
+        job->outputEnded_ = true;
+        job->finish();
+        return 0;
+    }
+    job->connection_.data(request->buffer, static_cast<size_t>(request->transferred));
+    if (!job->connection_.outputFull()) return 1;
+    job->connection_.wantTurn();
+    return 0;
+}
+
+void RunJob::onEnd(void *arg, const ChildStatus *status) {
+    auto *job = static_cast<RunJob *>(arg);
+    if (status->stopped) {
+        (void)registerChild(status->pid, onEnd, arg);
+        return;
+    }
+    job->status_ = *status;
+    (void)kill(-status->pid, SIGKILL);
+    job->pid_ = 0;
+    job->finish();
+}
+
+void RunJob::onLimit(SchedTimer *timer) {
+    auto *job = static_cast<RunJob *>(timer->arg);
+    if (job->pid_ != 0) job->killProgram();
+}
+
+void RunJob::finish() {
+    if (!outputEnded_ || pid_ != 0) return;
+    (void)stopTimer(&limit_);
+    if (status_.termSignal != 0)
+        connection_.reply("OK signal %d", status_.termSignal);
+    else
+        connection_.reply("OK exit %d", status_.exitCode);
+}
+
+}  // namespace
+
+void doRun(Connection &connection, Words &words) {
+    if (!settings.allowRun) return connection.reply("ERR OFF this server was started without -R");
+    if (words.empty()) return connection.reply("ERR SYNTAX RUN command line");
+    if (programs >= kMaxPrograms)
+        return connection.reply("ERR LIMIT %d programs are running already", programs);
+    auto job = std::make_unique<RunJob>(connection);
+    if (!job->begin(std::string(words.rest()).c_str()))
+        return connection.reply("ERR SYSTEM cannot start it: %s", strerror(errno));
+    connection.start(std::move(job));
+}
