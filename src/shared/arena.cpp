@@ -102,6 +102,7 @@ bool lockedFileIsAtPath(int fd, const char *path) {
 // Under the exclusive lock. Leaves nothing mapped: what it wrote holds only until the lock is turned
 // into a shared one, and attachFile() maps what is there then.
 uint32_t initialiseFile(SharedArena *arena) {
+    // attachFile() asks again; here it saves filling a file that is gone, perhaps without success.
     if (!lockedFileIsAtPath(arena->descriptor, arena->path)) return kStartOver;
     if (writeEmptyArenaFile(arena->descriptor, arena->size) < 0) return SCHED_ERR_SYSTEM;
     if (mapArena(arena) < 0) return SCHED_ERR_SYSTEM;

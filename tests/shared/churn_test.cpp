@@ -45,9 +45,9 @@ public:
         };
         while (now() < end) {
             const auto dice = random_() % 10;
-            if (dice < 6)
+            if (dice < 4)
                 use(SHARED_ARENA_CREATE);
-            else if (dice < 8)
+            else if (dice < 6)
                 use(0);
             else if (DeleteSharedArena(path_.c_str()) == 0)
                 ++counts_->deletions;
