@@ -1,6 +1,14 @@
 /* iosched/shared.h: memory shared between server processes.
  *
  * File-backed arenas, process-shared mutexes, named chunks, and the file lock table kept in one.
+ * What holds for the whole header:
+ *
+ * - Result codes: 0 is success. SCHED_ERR_SYSTEM means that a system or threads call failed and
+ *   errno says why; the other codes say it all themselves, and errno then means nothing.
+ * - Outputs are written on success only, where nothing else is said.
+ * - Nothing here needs the loop. InitSched() is needed for one thing: that mutexes record who
+ *   holds them.
+ * - One thread per process. None of the functions may be called in a signal handler.
  */
 #ifndef IOSCHED_SHARED_H
 #define IOSCHED_SHARED_H
@@ -19,12 +27,12 @@ extern "C" {
 #ifndef SCHED_ERR_SYSTEM
 #define SCHED_ERR_SYSTEM 100000
 #endif
-#define SHARED_ERR_VERSION 350000
-#define SHARED_ERR_MAGIC 350001
-#define SHARED_ERR_NOSPACE 350002
-#define SHARED_ERR_CORRUPT 350003
-#define SHARED_ERR_NOTFOUND 350004
-#define SHARED_ERR_BUSY 350005
+#define SHARED_ERR_VERSION 350000  /* an arena of another layout version */
+#define SHARED_ERR_MAGIC 350001    /* no initialised arena */
+#define SHARED_ERR_NOSPACE 350002  /* no free block is large enough */
+#define SHARED_ERR_CORRUPT 350003  /* not a chunk of this arena, or its lists are damaged */
+#define SHARED_ERR_NOTFOUND 350004 /* no chunk of that name, and no size to make one */
+#define SHARED_ERR_BUSY 350005     /* some process has the arena open */
 #define SHARED_ERR_DENIED 350100
 #define SHARED_ERR_NOLOCKS 350101
 #define SHARED_ERR_LOCKED 350102
@@ -34,44 +42,128 @@ extern "C" {
 #define SHARED_ERR_BADTABLE 350106
 #define SHARED_ERR_OPLOCK 350107
 
-/* ---- process-shared mutexes ---- */
+/* ---- process-shared mutexes ----
+ *
+ * Neither recursive nor robust: who locks twice waits for ever, and so does everybody once the holder
+ * has died; the holder field then names the dead process. Every function returns 0, or
+ * SCHED_ERR_SYSTEM, and sets errno in either case: to 0, or to the error of the threads call. */
 
+/* 48 bytes in memory that the processes share. */
 typedef struct SharedMutex {
     pthread_mutex_t mutex; /* 40 bytes */
     uint32_t holder;       /* process id of the holder, 0 while free */
     uint32_t padding;
 } SharedMutex;
 
+/* Makes a mutex, once, before any process uses it. Leaves the holder field as it is. */
 uint32_t InitializeSharedMutex(SharedMutex *mutex);
+
+/* Locks, waiting as long as it takes, and records the process as the holder: by its process id from
+ * InitSched() on, by 0 before. A child of ioFork() records itself; a child of plain fork() records its
+ * parent. A failure leaves the holder field as it is. */
 uint32_t AquireSharedMutex(SharedMutex *mutex);
+
+/* Clears the holder field, then unlocks. The field stays cleared even if the unlocking fails. */
 uint32_t ReleaseSharedMutex(SharedMutex *mutex);
+
+/* Ends a mutex that nobody holds or waits for. Never to be called on an arena's header mutex. */
 uint32_t DestroySharedMutex(SharedMutex *mutex);
 
-/* ---- arenas ---- */
+/* ---- arenas ----
+ *
+ * An arena is a file that processes map at addresses of their own, so what lies in it refers to
+ * other places in it by their distance from the base. Whoever has it open holds a shared flock lock on
+ * the file; programs that are not built on this library may take part in that. The file must not be
+ * cut, written to or renamed by other means while it is in use. */
 
+/* An open arena. Read the fields, never write them. */
 typedef struct SharedArena {
-    void *base; /* address of the arena header, which begins with its SharedMutex */
-    void *mapAddress;
-    uint64_t mapLength;
-    char *path;
-    int32_t descriptor;
-    uint64_t size;
+    void *base;         /* the arena header, which begins with its SharedMutex */
+    void *mapAddress;   /* the mapping: its start */
+    uint64_t mapLength; /* and its length in bytes, the file's size */
+    char *path;         /* as given to OpenSharedArena() */
+    int32_t descriptor; /* of the file, with the shared lock; -1 = none */
+    uint64_t size;      /* bytes asked for, in whole pages */
 } SharedArena;
 
-#define SHARED_ARENA_CREATE 0x1
-#define SHARED_ARENA_EXCLUSIVE 0x2
+#define SHARED_ARENA_CREATE 0x1    /* make the file; initialise it unless it is in use */
+#define SHARED_ARENA_EXCLUSIVE 0x2 /* with CREATE: fail if the file exists (EEXIST) */
 
+/* Opens the arena at the path.
+ *
+ *   flags  SHARED_ARENA_ flags; other bits are ignored. With SHARED_ARENA_CREATE the first process
+ *          that finds no other user initialises the arena, which discards what was in it; every
+ *          other process attaches. Without it an open only attaches.
+ *   mode   permissions of a file that is made, as for open(2).
+ *   size   bytes, rounded up to whole pages; used only by the process that initialises. The
+ *          file is written out in full, so that a full disk shows here (ENOSPC). 0, and a size
+ *          that cannot be rounded up, empty the file and fail with EINVAL.
+ *   arena  receives the handle, the caller's until CloseSharedArena().
+ *
+ * Waits while another process initialises. A creator that finds the file in use, but not
+ * initialised, tries for about half a second. Returns 0; SCHED_ERR_SYSTEM (EINVAL for an empty file,
+ * ESTALE when the path never leads to the file that was opened); SHARED_ERR_MAGIC for a file that is
+ * no arena, was half made, or is not whole pages; SHARED_ERR_VERSION. After a failure nothing is
+ * left open; a file may be left empty or half written, for the next creator. */
 uint32_t OpenSharedArena(const char *path, int flags, mode_t mode, uint64_t size,
                          SharedArena **arena);
+
+/* Unmaps and frees the handle and gives up its lock; the file and its chunks stay, references
+ * included. Returns 0. */
 uint32_t CloseSharedArena(SharedArena *arena);
+
+/* Removes an arena's file, unless a process (the caller too) has it open: then SHARED_ERR_BUSY.
+ * Returns 0, or SCHED_ERR_SYSTEM with errno of open, flock or unlink. */
 uint32_t DeleteSharedArena(const char *path);
+
+/* To be called in a child after a fork, for each arena that it goes on using: gives it a descriptor
+ * and a lock of its own in place of those that it shares with its parent. The mapping stays. The
+ * new descriptor is inherited by programs that the child executes. The path is opened again, so a
+ * relative one must still lead to the file.
+ *
+ * Returns 0, or SCHED_ERR_SYSTEM, after which the handle's descriptor is -1 or has no lock; ESTALE
+ * means that another file is at the path now. The call may be repeated. */
 uint32_t ForkSharedArena(SharedArena *arena);
 
-/* ---- named chunks ---- */
+/* ---- named chunks ----
+ *
+ * Pieces of an arena, 8-byte aligned, with as many references as successful calls asked for them.
+ * The functions take the arena's header mutex, so a trace callback must not call them. A damaged
+ * arena gets SHARED_ERR_CORRUPT; nothing outside the mapping is read or written. */
 
+/* Finds the chunk of that name and adds a reference, or makes one.
+ *
+ *   name     compared byte by byte; NULL makes a chunk without a name, which nobody else finds.
+ *   size     in: bytes of a chunk to be made, 0 = only look it up. Out: bytes of a chunk found.
+ *   chunk    receives the address of the chunk's data, all zeros in a new chunk.
+ *   created  receives 1 when this call made the chunk; 0 else, on failure too.
+ *
+ * With *created 1 the caller holds the arena's header mutex: it fills the chunk in and then calls
+ * ReleaseSharedMutex((SharedMutex *)arena->base). Until then nobody else can see the chunk, and the
+ * caller must not call AllocateSharedChunk() or FreeSharedChunk() on this arena.
+ *
+ * Returns 0, SHARED_ERR_NOTFOUND, SHARED_ERR_NOSPACE, SHARED_ERR_CORRUPT or SCHED_ERR_SYSTEM; a
+ * failure changes nothing in the arena. */
 uint32_t AllocateSharedChunk(SharedArena *arena, const char *name, uint64_t *size, void **chunk,
                              uint32_t *created);
+
+/* Drops one reference; with the last one the chunk's block goes back to the heap.
+ *
+ * Returns 0; SCHED_ERR_SYSTEM, with nothing changed; or SHARED_ERR_CORRUPT. That also answers an
+ * address where no chunk can be, or one without references, and changes nothing then. If the last
+ * reference was dropped and a list turned out to be damaged or not to hold the chunk, the
+ * chunk has no name and no references and is on no list. */
 uint32_t FreeSharedChunk(SharedArena *arena, void *chunk);
+
+/* Copies a chunk's data into memory from malloc, which the caller frees.
+ *
+ *   mutex  held during the copying; NULL for none.
+ *   copy   receives the copy's address, or NULL on failure.
+ *   delta  receives what, added to the arena offset of a place in the chunk, gives the address of
+ *          that place in the copy; 0 on failure. NULL when it is not wanted.
+ *
+ * The caller holds a reference to the chunk. Returns 0, SHARED_ERR_CORRUPT for an address where no
+ * chunk can be, or SCHED_ERR_SYSTEM (memory, or the mutex). */
 uint32_t CopySharedChunk(SharedArena *arena, void *chunk, SharedMutex *mutex, void **copy,
                          int64_t *delta);
 

@@ -21,17 +21,33 @@ extern "C" {
 
 /* ---- mapped file views ---- */
 
-#define MEMMAP_READ 0x001u
+#define MEMMAP_READ 0x001u /* access; none of the three maps memory that nobody may touch */
 #define MEMMAP_WRITE 0x002u
 #define MEMMAP_EXEC 0x004u
-#define MEMMAP_SHARED 0x010u
-#define MEMMAP_PRIVATE 0x020u
-#define MEMMAP_FIXED 0x040u
-#define MEMMAP_NORESERVE 0x200u
-#define MEMMAP_DONTNEED 0x800u
+#define MEMMAP_SHARED 0x010u    /* writes reach the file; one of SHARED and PRIVATE is needed */
+#define MEMMAP_PRIVATE 0x020u   /* writes stay in a copy of the process's own */
+#define MEMMAP_FIXED 0x040u     /* map at *mapAddress exactly, in place of what is there */
+#define MEMMAP_NORESERVE 0x200u /* set no swap space aside */
+#define MEMMAP_DONTNEED 0x800u  /* tell the system that the pages are not needed for now */
 
+/* Maps part of an open file. The descriptor may be closed afterwards.
+ *
+ *   length      in: bytes from the offset on, 0 = to the end of the file. Out: bytes mapped.
+ *   flags       MEMMAP_ flags. 0x080, 0x100 and 0x400 are refused; other unknown bits are ignored.
+ *   offset      in: where in the file, in bytes. Out: the page boundary at or below that.
+ *   mapAddress  in: where to map, a hint without MEMMAP_FIXED, or NULL. Out: the mapping's start,
+ *               for MemUnmap().
+ *   address     out: the address of the byte at the offset asked for.
+ *
+ * Returns 0, or -1 with errno: EINVAL when a pointer is null or there is nothing from the offset to
+ * the end of the file, else that of the call that failed; a refused flag leaves errno as it was. A
+ * failure writes NULL to *mapAddress and *address (except for null pointers) and nothing else. */
 int MemMap(uint64_t *length, uint32_t flags, int fd, int64_t *offset, void **mapAddress,
            void **address);
+
+/* Undoes a mapping, given the start and the length that MemMap() returned. Returns 0; -1 with errno
+ * from munmap and the mapping still listed; or -1 with errno as it was when MemMap() returned no such
+ * start, or it is unmapped already. */
 int MemUnmap(void *mapAddress, uint64_t length);
 
 /* ---- option parsing ---- */
