@@ -126,14 +126,16 @@ typedef struct SpawnOptions {
  * Returns the child's process id; -1 with fork's errno, or with EINVAL for a null command, and
  * nothing started. A child that cannot make one of its changes (redirections and environment are not
  * checked) or cannot execute the program ends with exit status 127. Runs no fork hooks. Register the
- * child before the next pass of the loop. */
+ * child before the next pass of the loop, and start none while enableSignals() lets SIGCHLD in, which
+ * may collect it before that. */
 pid_t spawnProcess(const SpawnOptions *options, const char *command);
 
 /* ---- shell commands and pipes ---- */
 
 /* These stand in for system(), popen() and pclose() in a process that runs the loop, and need
  * InitSched(). Their waits run passes, so every callback goes on being served, and nest; they last
- * until the command ends, or stops: it counts as ended then. */
+ * until the command ends, or stops: it counts as ended then. Like a pass, they end the effect of
+ * enableSignals(). */
 
 /* Runs a command, as spawnProcess(NULL, command) starts it, and waits for it. SIGINT and SIGQUIT are
  * ignored meanwhile, and come back as they were; the command has them as they were before.

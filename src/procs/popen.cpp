@@ -74,6 +74,8 @@ FILE *ZORpopen(const char *command, const char *mode) {
         return nullptr;
     }
     entry->fd = ours.release();
+    // Let in now, SIGCHLD would reap a quick child before it is registered.
+    (void)disableSignals();
     const pid_t pid = startCommand(command, reading, theirs.get());
     if (pid == -1) {
         ErrnoGuard keep;

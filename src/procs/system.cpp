@@ -49,6 +49,8 @@ private:
 int ZORsystem(const char *command) {
     ChildRecord *reserved = reserveChild();
     if (reserved == nullptr) return -1;
+    // Let in now, SIGCHLD would reap a quick child before it is registered.
+    (void)disableSignals();
     const pid_t pid = spawnProcess(nullptr, command);
     if (pid == -1) {
         dropReservation(reserved);
