@@ -51,7 +51,9 @@ extern "C" {
 int InitSched(int major, int minor, char *msg, int msgSize);
 
 /* Takes back one successful InitSched(). The last one closes the signal pipe; registrations, timers,
- * children and queued calls stay as they are for a later InitSched().
+ * children and queued calls stay as they are for a later InitSched(). Until then no signal reaches
+ * its callback, so the last one is not for a callback that a waiting function (below) is running: no
+ * timer would end its wait.
  *
  * Returns how many InitSched() calls are still to be taken back. Ends the process with abort() when
  * there was none. */
@@ -88,8 +90,11 @@ typedef void (*SchedIOFunc)(void *arg, int fd);
  *   func  replaces the present one; NULL removes it and ends a suspension of this direction.
  *   arg   handed back untouched; stays the caller's.
  *
- * Takes effect at once, also for descriptors that the running pass has not come to yet. Returns 0,
- * or -1 with errno EINVAL for a descriptor out of range. */
+ * Takes effect at once, also for descriptors that the running pass has not come to yet. A callback
+ * that closes a descriptor and registers a new one under its number may so see it called once for
+ * what its predecessor was ready for: keep registered descriptors non-blocking.
+ *
+ * Returns 0, or -1 with errno EINVAL for a descriptor out of range. */
 int registerInput(int fd, SchedIOFunc func, void *arg);
 int registerOutput(int fd, SchedIOFunc func, void *arg);
 

@@ -6,14 +6,13 @@
 
 #include "procs/procs_internal.h"
 
+#include "sched/sched_internal.h"
 #include "support/guards.h"
 #include "support/list.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <unistd.h>
-
-#include "sched/sched_internal.h"
 
 struct ChildRecord : ListLink {
     int32_t pid;  // at most one record per pid across both lists

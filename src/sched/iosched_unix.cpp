@@ -25,7 +25,6 @@ namespace {
 
 constexpr int kMaxDescriptors = 32767;  // keeps both tables small where the system allows millions
 constexpr int kMsPerSecond = 1000;
-constexpr int kLostPipeWaitMs = 100;  // how soon a pass without a self-pipe looks again
 constexpr int kPeekChunk = 64;
 
 struct FdTabEntry {
@@ -106,6 +105,12 @@ int descriptorLimit() {
 int toMilliseconds(int seconds) {
     if (seconds < 0) return -1;
     return seconds > INT_MAX / kMsPerSecond ? INT_MAX : seconds * kMsPerSecond;
+}
+
+// Of two timeouts of poll, where -1 means no limit.
+int shorterWait(int a, int b) {
+    if (a < 0 || b < 0) return a < 0 ? b : a;
+    return a < b ? a : b;
 }
 
 // Waits with all signals let in. A signal that was waiting is delivered before poll, which then
@@ -220,8 +225,7 @@ int iosched(int timeout) {
     int waitMs = toMilliseconds(timeout);
     if (runDelayedCallQueue() != 0) waitMs = 0;
     if (callRegisteredChildFuncs() != 0) waitMs = 0;
-    if (selfPipeIsLost() && !recoverSelfPipe() && (waitMs < 0 || waitMs > kLostPipeWaitMs))
-        waitMs = kLostPipeWaitMs;  // a signal just before poll has nothing to wake it with
+    waitMs = shorterWait(waitMs, longestWaitForSignals());
     armHeldBackTimers();
 
     const uint32_t generation = ++schedGen;
@@ -241,7 +245,7 @@ int ioschedFd(int /*fd*/, int timeout) {
 
 int iopeek(void) {
     armHeldBackTimers();  // what is due is pending then, as it would be for a pass
-    if (anySignalIsPending()) return 1;
+    if (anySignalIsPending() || markIsWithoutByte()) return 1;
     if (dispatchDepth > 0) return anythingReadyBesideWalk() ? 1 : 0;
     if (!pollTabValid) rebuildPollTab();
     return ::poll(polltab, static_cast<nfds_t>(polltabLength), 0) != 0 ? 1 : 0;

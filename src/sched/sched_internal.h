@@ -44,15 +44,16 @@ void holdSignalCallbacks(void);
 void releaseSignalCallbacks(void);
 
 // In a child made by ioFork: replaces the inherited self-pipe. On failure the child has none, and
-// its passes try again (recoverSelfPipe). 0, or -1 with errno.
+// each of its passes tries again (longestWaitForSignals). 0, or -1 with errno.
 int afterForkChildSelfPipe(void);
 
-// True when this process should have a self-pipe and has none.
-bool selfPipeIsLost(void);
+// Called by each pass: how many milliseconds it may wait without missing a signal, -1 for no limit.
+// While the self-pipe is lost, this tries to make it, and where that fails runs the callbacks of the
+// signals that have arrived.
+int longestWaitForSignals(void);
 
-// Called by each pass while the self-pipe is lost: tries to make it, and where that fails runs the
-// callbacks of the signals that arrived meanwhile. Returns whether the self-pipe is there again.
-bool recoverSelfPipe(void);
+// True when a signal has arrived that no byte in a self-pipe tells of.
+bool markIsWithoutByte(void);
 
 // For a child about to execute a program: gives every signal that has a handler, the library's or the
 // program's own, back to its default action as exec does, so that no code of the parent can run in

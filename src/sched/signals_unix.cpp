@@ -23,6 +23,7 @@ namespace {
 constexpr int kSignalSlots = 65;  // indexed by signal number; slot 0 is never used
 constexpr int kFirstFreeFd = 3;   // the standard descriptors stay the program's
 constexpr size_t kDrainBytes = 512;
+constexpr int kLostPipeWaitMs = 100;  // how soon a pass without a self-pipe looks again
 
 // Read by the handler, hence volatile.
 struct SignalSlot {
@@ -58,14 +59,17 @@ bool callbackIsWaiting() {
 }
 
 // Runs the callbacks of the marked signals. Each is unmarked first: it may run passes that mark it
-// again, or fork, or replace any callback.
-void callPendingSignals() {
+// again, or fork, or replace any callback. Returns whether it ran any.
+bool callPendingSignals() {
+    bool called = false;
     for (int sig = 1; sig < kSignalSlots; ++sig) {
         const SchedSignalFunc func = handlers[sig].func;
         if (handlers[sig].pending == 0 || func == nullptr) continue;
         handlers[sig].pending = 0;
+        called = true;
         func(sig);
     }
+    return called;
 }
 
 void drainSelfPipe() {
@@ -78,7 +82,7 @@ void drainSelfPipe() {
 void selfPipeFunc(void * /*arg*/, int fd) {
     // The pass has suspended this input; a callback that waits needs it for the signals to come.
     (void)enableSched(fd);
-    callPendingSignals();
+    (void)callPendingSignals();
     // Not fd: a callback may have forked, or ended and restarted the library, and the number may be
     // somebody else's by now.
     drainSelfPipe();
@@ -102,26 +106,17 @@ void selfPipeSigHandler(int sig) {
 // Moves one end above the standard descriptors.
 bool moveAboveStandardFds(FdGuard *end) {
     if (end->get() >= kFirstFreeFd) return true;
-    const int moved = ::fcntl(end->get(), F_DUPFD, kFirstFreeFd);
+    const int moved = ::fcntl(end->get(), F_DUPFD_CLOEXEC, kFirstFreeFd);
     if (moved == -1) return false;
     end->reset(moved);
     return true;
 }
 
-bool setFdFlags(int fd, int getCommand, int setCommand, int flag) {
-    const int flags = ::fcntl(fd, getCommand);
-    return flags != -1 && ::fcntl(fd, setCommand, flags | flag) != -1;
-}
-
 int createSelfPipe() {
     int ends[2];
-    if (::pipe(ends) == -1) return -1;
+    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) == -1) return -1;
     FdGuard readEnd(ends[0]), writeEnd(ends[1]);
     if (!moveAboveStandardFds(&readEnd) || !moveAboveStandardFds(&writeEnd)) return -1;
-    if (!setFdFlags(readEnd.get(), F_GETFD, F_SETFD, FD_CLOEXEC)) return -1;
-    if (!setFdFlags(writeEnd.get(), F_GETFD, F_SETFD, FD_CLOEXEC)) return -1;
-    if (!setFdFlags(readEnd.get(), F_GETFL, F_SETFL, O_NONBLOCK)) return -1;
-    if (!setFdFlags(writeEnd.get(), F_GETFL, F_SETFL, O_NONBLOCK)) return -1;
     if (registerInput(readEnd.get(), selfPipeFunc, nullptr) == -1) return -1;
     sigNotiPipe[0] = readEnd.release();
     sigNotiPipe[1] = writeEnd.release();
@@ -194,14 +189,13 @@ void releaseSignalCallbacks(void) {
     signalsHeld = signalsHeld - 1;
 }
 
-bool selfPipeIsLost(void) {
-    return pipeLost;
+int longestWaitForSignals(void) {
+    if (!pipeLost || createSelfPipe() == 0) return -1;
+    return callPendingSignals() ? 0 : kLostPipeWaitMs;
 }
 
-bool recoverSelfPipe(void) {
-    if (createSelfPipe() == 0) return true;
-    callPendingSignals();
-    return false;
+bool markIsWithoutByte(void) {
+    return pipeLost && callbackIsWaiting();
 }
 
 int afterForkChildSelfPipe(void) {
