@@ -1,0 +1,241 @@
+#include "sched/sched_internal.h"
+#include "support/in_child.h"
+#include "support/loop.h"
+
+#include <cerrno>
+#include <memory>
+#include <vector>
+
+namespace {
+
+std::vector<int> arrived;
+std::function<void()> onFirst;  // runs once, in the first callback
+
+void record(int sig) {
+    arrived.push_back(sig);
+    if (onFirst) std::exchange(onFirst, nullptr)();
+}
+
+void other(int) {}
+
+void raiseHere(int sig) {
+    ASSERT_EQ(::kill(::getpid(), sig), 0);
+}
+
+using Log = std::vector<int>;
+using Signals = LoopTest;
+
+TEST_F(Signals, CatchSignalReportsThePreviousHandler) {
+    EXPECT_EQ(catchSignal(SIGINT, record), SIG_DFL);
+    EXPECT_EQ(catchSignal(SIGINT, other), record);
+    EXPECT_EQ(catchSignal(SIGINT, SIG_IGN), other);
+    EXPECT_EQ(catchSignal(SIGINT, record), SIG_IGN);
+    EXPECT_EQ(catchSignal(SIGINT, SIG_DFL), record);
+    EXPECT_EQ(catchSignal(SIGINT, SIG_DFL), SIG_DFL);
+    ASSERT_NE(::signal(SIGINT, other), SIG_ERR);  // installed outside the library
+    EXPECT_EQ(catchSignal(SIGINT, record), other);
+    for (const int sig : {SIGKILL, SIGSTOP, 0, -1, 65, 1000}) {
+        errno = 0;
+        EXPECT_EQ(catchSignal(sig, record), SIG_ERR) << sig;
+        EXPECT_EQ(errno, EINVAL);
+    }
+    errno = 0;
+    EXPECT_EQ(catchSignal(SIGINT, SIG_ERR), SIG_ERR);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(catchSignal(SIGINT, other), record);  // as it was
+    EXPECT_EQ(catchSignal(SIGRTMAX, record), SIG_DFL);
+    raiseHere(SIGRTMAX);
+    EXPECT_TRUE(runUntil([] { return arrived == Log{SIGRTMAX}; }));
+}
+
+TEST_F(Signals, HeldBackRunOnceEachInAscendingOrder) {
+    (void)catchSignal(SIGUSR1, record);
+    (void)catchSignal(SIGUSR2, record);
+    raiseHere(SIGUSR2);
+    for (int i = 0; i < 3; ++i)
+        raiseHere(SIGUSR1);
+    EXPECT_TRUE(arrived.empty());
+    EXPECT_EQ(iosched(-1), 1);  // delivered just before poll, which finds the pipe readable
+    EXPECT_EQ(arrived, (Log{SIGUSR1, SIGUSR2}));
+    EXPECT_EQ(iosched(0), 0);
+}
+
+TEST_F(Signals, FromAnotherProcessEndTheWaitBeforeTheCallback) {
+    (void)catchSignal(SIGUSR1, record);
+    for (const size_t sent : {1, 2, 3}) {
+        const ReportedChild sender(signalWhenAsleep(SIGUSR1));
+        errno = 0;
+        EXPECT_EQ(iosched(-1), -1);
+        EXPECT_EQ(errno, EINTR);
+        EXPECT_EQ(arrived.size(), sent - 1);
+        EXPECT_EQ(iosched(-1), 1);
+        EXPECT_EQ(arrived.size(), sent);
+        EXPECT_EQ(sender.await(), 0);
+    }
+}
+
+TEST_F(Signals, ANestedPassDispatchesLaterOnes) {
+    (void)catchSignal(SIGUSR1, record);
+    (void)catchSignal(SIGUSR2, record);
+    onFirst = [] {  // in the callback of SIGUSR2, the higher number
+        raiseHere(SIGUSR1);
+        EXPECT_TRUE(runUntil([] { return arrived.size() == 2; }));
+        raiseHere(SIGUSR2);
+        EXPECT_TRUE(runUntil([] { return arrived.size() == 3; }));
+    };
+    raiseHere(SIGUSR2);
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_EQ(arrived, (Log{SIGUSR2, SIGUSR1, SIGUSR2}));
+}
+
+// The wait inside the callback is interrupted by a signal that the dispatch has already gone past,
+// and no pass follows inside: its byte is drained, its mark must still get its callback.
+TEST_F(Signals, AMarkLeftByANestedPassIsNotDrained) {
+    (void)catchSignal(SIGUSR1, record);
+    (void)catchSignal(SIGXFSZ, record);
+    std::unique_ptr<ReportedChild> sender;
+    onFirst = [&] {
+        EXPECT_EQ(iosched(-1), 1);  // finds the byte of SIGXFSZ itself, and drains it
+        sender = std::make_unique<ReportedChild>(signalWhenAsleep(SIGUSR1));
+        EXPECT_EQ(iosched(-1), -1);
+    };
+    raiseHere(SIGXFSZ);
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_EQ(arrived, Log{SIGXFSZ});
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(arrived, (Log{SIGXFSZ, SIGUSR1}));
+    EXPECT_EQ(sender->await(), 0);
+}
+
+TEST_F(Signals, IgnoringDropsWhatHasArrived) {
+    (void)catchSignal(SIGUSR1, record);
+    (void)catchSignal(SIGUSR2, record);
+    onFirst = [] { EXPECT_EQ(catchSignal(SIGUSR2, SIG_IGN), record); };
+    raiseHere(SIGUSR1);
+    raiseHere(SIGUSR2);
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_EQ(arrived, Log{SIGUSR1});
+    EXPECT_EQ(catchSignal(SIGUSR2, record), SIG_IGN);
+    EXPECT_EQ(iosched(0), 0);
+    EXPECT_EQ(arrived, Log{SIGUSR1});
+}
+
+TEST_F(Signals, EnableSignalsRunsCallbacksAtOnceAndKeepsErrno) {
+    (void)catchSignal(SIGUSR1, [](int sig) {
+        record(sig);
+        errno = EPROTO;
+    });
+    EXPECT_EQ(enableSignals(), 0);
+    errno = ENOENT;
+    raiseHere(SIGUSR1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(arrived, Log{SIGUSR1});
+    EXPECT_EQ(disableSignals(), 0);
+    raiseHere(SIGUSR1);
+    EXPECT_EQ(arrived, Log{SIGUSR1});
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_EQ(arrived, (Log{SIGUSR1, SIGUSR1}));
+}
+
+TEST_F(Signals, AFullPipeLosesNothing) {
+    static int calls = 0;
+    (void)catchSignal(SIGUSR1, [](int) { ++calls; });
+    (void)catchSignal(SIGUSR2, record);
+    holdSignalCallbacks();
+    (void)enableSignals();
+    for (int i = 0; i < 70000; ++i)  // a byte each; a pipe holds 65536
+        raiseHere(SIGUSR1);
+    raiseHere(SIGUSR2);
+    (void)disableSignals();
+    releaseSignalCallbacks();
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(arrived, Log{SIGUSR2});
+    EXPECT_EQ(iosched(0), 0);
+}
+
+TEST_F(Signals, AForkedChildHasAPipeOfItsOwn) {
+    (void)catchSignal(SIGUSR1, record);
+    const int before = countOpenDescriptors();
+    const pid_t pid = ioFork();
+    ASSERT_NE(pid, -1);
+    if (pid == 0) {
+        EXPECT_EQ(countOpenDescriptors(), before);
+        EXPECT_TRUE(runUntil([] { return arrived.size() == 1; }));  // the parent's signal to it
+        EXPECT_EQ(msleep(1), 0);
+        ::_exit(HasFailure() ? 1 : 0);
+    }
+    const ReportedChild child(pid);
+    raiseHere(SIGUSR1);
+    EXPECT_TRUE(runUntil([] { return arrived.size() == 1; }));
+    ASSERT_EQ(::kill(pid, SIGUSR1), 0);
+    EXPECT_EQ(child.await(), 0);
+    EXPECT_EQ(arrived.size(), 1U);
+}
+
+// The child returns from ioFork inside the signal's callback, under the parent's frames; what they
+// do with the pipe afterwards must concern the child's own.
+TEST_F(Signals, ForkingInASignalCallbackKeepsBothLoopsAlive) {
+    static pid_t pid = -1;
+    static std::unique_ptr<ReportedChild> child;
+    (void)catchSignal(SIGUSR1, [](int) {
+        pid = ioFork();
+        if (pid != 0) child = std::make_unique<ReportedChild>(pid);
+    });
+    (void)catchSignal(SIGUSR2, record);
+    raiseHere(SIGUSR1);
+    raiseHere(SIGUSR2);
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_EQ(arrived, Log{SIGUSR2});  // in the child too, which inherited the mark
+    EXPECT_EQ(msleep(1), 0);
+    raiseHere(SIGUSR2);
+    EXPECT_TRUE(runUntil([] { return arrived.size() == 2; }));
+    if (pid == 0) ::_exit(HasFailure() ? 1 : 0);
+    EXPECT_EQ(child->await(), 0);
+}
+
+TEST_F(Signals, AChildWithoutAPipeLosesNoSignal) {
+    EXPECT_CHILD_OK([] {
+        rlimit limit{};
+        ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+        // While the hook's limit holds, the child cannot open anything.
+        ASSERT_EQ(registerFork(
+                      [](void *, int phase, int) {
+                          rlimit now{};
+                          (void)::getrlimit(RLIMIT_NOFILE, &now);
+                          now.rlim_cur = phase == FORK_PREPARE ? 3 : now.rlim_max;
+                          if (phase != FORK_CHILD) (void)::setrlimit(RLIMIT_NOFILE, &now);
+                      },
+                      nullptr),
+                  0);
+        (void)catchSignal(SIGUSR1, record);
+        const int before = countOpenDescriptors();
+        const pid_t pid = ioFork();
+        if (pid != 0) {
+            EXPECT_EQ(waitForChild(pid), 0);
+            return;
+        }
+        EXPECT_EQ(::dup(0), -1);
+        raiseHere(SIGUSR1);
+        EXPECT_TRUE(runUntil([] { return arrived.size() == 1; }));
+        EXPECT_EQ(msleep(30), 0);
+        onFirst = [] {
+            EXPECT_EQ(msleep(30), 0);
+        };  // waits in a callback that no descriptor caused
+        raiseHere(SIGUSR1);
+        EXPECT_TRUE(runUntil([] { return arrived.size() == 2; }));
+        raiseHere(SIGUSR1);
+        EXPECT_EQ(iopeek(), 1);
+        EXPECT_EQ(iosched(0), 0);  // delivered in this pass: a mark without a byte
+        EXPECT_EQ(iopeek(), 1);
+        EXPECT_EQ(arrived.size(), 2U);
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        EXPECT_EQ(iosched(-1), 1);  // makes the pipe, which tells of the mark
+        EXPECT_EQ(arrived.size(), 3U);
+        EXPECT_EQ(countOpenDescriptors(), before);
+        EXPECT_EQ(iosched(0), 0);
+        ::_exit(HasFailure() ? 1 : 0);
+    });
+}
+
+}  // namespace
