@@ -62,7 +62,7 @@ TEST_F(Signals, HeldBackRunOnceEachInAscendingOrder) {
 
 TEST_F(Signals, FromAnotherProcessEndTheWaitBeforeTheCallback) {
     (void)catchSignal(SIGUSR1, record);
-    for (const size_t sent : {1, 2, 3}) {
+    for (const size_t sent : {1U, 2U, 3U}) {
         const ReportedChild sender(signalWhenAsleep(SIGUSR1));
         errno = 0;
         EXPECT_EQ(iosched(-1), -1);
