@@ -23,15 +23,6 @@ char *__wrap_strdup(const char *text) {
 
 namespace {
 
-// Replaces /etc/mtab, within the namespace.
-void writeMountTable(const std::string &text) {
-    std::ofstream("/etc/mtab") << text;
-}
-
-void hideEtc() {
-    ASSERT_EQ(::mount("etc", "/etc", "tmpfs", 0, nullptr), 0);
-}
-
 TEST(MountPoints, LastLineWinsAtTheLoadAndTheFirstInARescan) {
     runWithOwnMounts([] {
         ScratchMount scratch;

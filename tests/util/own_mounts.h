@@ -122,3 +122,12 @@ inline uint64_t deviceNumber(const std::string &path) {
     EXPECT_EQ(::stat(path.c_str(), &file), 0);
     return file.st_dev;
 }
+
+// Puts an empty tmpfs over /etc, within the namespace, for a mount table of the test's own.
+inline void hideEtc() {
+    ASSERT_EQ(::mount("etc", "/etc", "tmpfs", 0, nullptr), 0);
+}
+
+inline void writeMountTable(const std::string &text) {
+    std::ofstream("/etc/mtab") << text;
+}
