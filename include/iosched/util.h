@@ -97,9 +97,8 @@ typedef struct FSInfo {
 } FSInfo;
 
 /* Bits of FSInfo.flags. */
-#define FSINFO_DISK_FS                                                                             \
-    2u                  /* ext2, ext3, ext4, JFS, ReiserFS, UFS, XFS or Btrfs by its type number */
-#define FSINFO_QUOTA 4u /* a quota limits the caller's blocks, files or both */
+#define FSINFO_DISK_FS 2u /* ext2, ext3, ext4, ReiserFS, UFS, XFS or Btrfs by its type number */
+#define FSINFO_QUOTA 4u   /* a quota limits the caller's blocks, files or both */
 
 /* Bits of GetFSInfo's options. */
 #define FSINFO_ALL_FREE 1 /* count the superuser's reserve as free, and look up no quota */

@@ -20,7 +20,7 @@ namespace {
 constexpr uint64_t kDiskFileSystems[] = {
     0xef53,      // ext2, ext3, ext4
     0xef51,      // old ext2
-    0x4a465321,  // JFS
+    0x4a465321,  // "JFS!"; the JFS of Linux has another number
     0x52654973,  // ReiserFS
     0x11954,     // UFS
     0x58465342,  // XFS
