@@ -75,8 +75,10 @@ bool adoptShare() {
 }
 
 void leaveShare() {
+    // The table's handle is left to the end of the process: freeing it would give back a reference
+    // that is the master's.
     (void)CloseSharedArena(share.arena);
-    share = {};
+    share.arena = nullptr;
 }
 
 void closeShare(bool usable) {
@@ -85,6 +87,6 @@ void closeShare(bool usable) {
         (void)FreeSharedChunk(share.arena, share.board);
     }
     (void)CloseSharedArena(share.arena);
-    share = {};
+    share.arena = nullptr;
     if (!settings.keepArena) (void)DeleteSharedArena(settings.arenaPath);
 }

@@ -1,6 +1,6 @@
 // Accepting, and the two ways of ending.
 //
-// All workers poll one listening socket. Each connection wakes several of them and one gets it; the
+// All workers poll one listening socket. A connection wakes several of them and one gets it; the
 // others find nothing there, which is why the socket is non-blocking.
 //
 // The worker ends from inside a callback, with exit(): its loop may be nested in any number of
@@ -28,7 +28,8 @@ bool leaving;
 
 namespace {
 
-constexpr int64_t kAcceptPauseMs = 100;
+constexpr int64_t kStepBackMs = 2;       // leaves a connection to a worker that has fewer
+constexpr int64_t kNoRoomPauseMs = 100;  // out of descriptors or memory
 
 int listenSocket = -1;
 SchedTimer acceptPause;
@@ -42,24 +43,35 @@ void acceptOne(void *, int fd);
     exit(0);
 }
 
-void pauseAccepting() {
+void pauseAccepting(int64_t ms) {
     (void)registerInput(listenSocket, nullptr, nullptr);
     acceptPause.func = [](SchedTimer *) {
         if (!worker::leaving) (void)registerInput(listenSocket, acceptOne, nullptr);
     };
-    acceptPause.interval = kAcceptPauseMs;
+    acceptPause.interval = ms;
     (void)restartTimer(&acceptPause);
 }
 
-// Takes one connection in each pass: the other workers have been woken too, and should get some.
+bool othersHaveFewer() {
+    const uint64_t mine = worker::counters->connections;
+    for (const BoardSlot &slot : share.board->slots)
+        if (slot.pid != 0 && !slot.leaving && slot.connections + 1 < mine) return true;
+    return false;
+}
+
+// The worker that happens to be quickest would get nearly all connections. So one that has more than
+// another looks away for a moment, once, and takes what is still waiting then.
 void acceptOne(void *, int fd) {
+    static bool lookedAway;
+    lookedAway = !lookedAway && othersHaveFewer();
+    if (lookedAway) return pauseAccepting(kStepBackMs);
     const int client = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (client >= 0) return startConnection(client);
     if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
     // Out of descriptors or memory: the connection stays in the queue, the socket stays readable, and
     // the loop would spin on it.
     logLine("cannot accept: %s", strerror(errno));
-    pauseAccepting();
+    pauseAccepting(kNoRoomPauseMs);
 }
 
 void onTerminate(int) {
@@ -105,6 +117,7 @@ void runWorker(int listenFd, int rootFd, BoardSlot *slot) {
     listenSocket = listenFd;
     worker::rootFd = rootFd;
     worker::counters = slot;
+    slot->pid = getpid(); // the master writes the same, perhaps after we have served somebody
     if (!adoptShare()) {
         logLine("cannot adopt the arena: %s", strerror(errno));
         exit(1);

@@ -14,8 +14,9 @@
 
 namespace {
 
-constexpr size_t kMaxOpens = 2;  // at a time
-constexpr size_t kMaxLocks = 4;  // of each open
+constexpr size_t kMaxOpens = 2;       // at a time
+constexpr size_t kMaxLocks = 4;       // of each open
+constexpr uint32_t kSecondOpen = 12;  // one request in so many opens a second file
 constexpr uint32_t kFileBytes = 4096;
 
 constexpr struct {
@@ -218,7 +219,7 @@ void Client::send(const std::string &line) {
 
 void Client::next() {
     if (load_.finishing) return disconnect();
-    if (opens_.empty() || (opens_.size() < kMaxOpens && dice(4) == 0)) return sendOpen();
+    if (opens_.empty() || (opens_.size() < kMaxOpens && dice(kSecondOpen) == 0)) return sendOpen();
     sendOnOpen(dice(static_cast<uint32_t>(opens_.size())));
 }
 
@@ -245,9 +246,9 @@ void Client::sendOnOpen(size_t index) {
     if (choice < 55) return sendRange(kTest, index);
     if (choice < 68 && open.reads) return sendRange(kRead, index);
     if (choice < 80 && open.writes) return sendRange(kWrite, index);
-    if (choice < 88) {
-        request_.kind = choice < 84 ? kInfo : kHolders;
-        return send((choice < 84 ? "INFO " : "HOLDERS ") + fileName(open.file));
+    if (choice < 84) {
+        request_.kind = choice < 82 ? kInfo : kHolders;
+        return send((choice < 82 ? "INFO " : "HOLDERS ") + fileName(open.file));
     }
     sendClose(index);
 }

@@ -12,7 +12,7 @@
 // What the clients have in common.
 struct Load {
     int port = 7070;
-    int files = 6;
+    int files = 12;
     Report report;
     Witness *witness = nullptr;
     std::mt19937 random{1};

@@ -23,7 +23,7 @@ constexpr char kUsage[] =
     "usage: filed-load [-p PORT] [-c CLIENTS] [-f FILES] [-t SECONDS] [-s SEED] [-k | --kill]\n"
     "  -p PORT     where filed listens on 127.0.0.1 (7070)\n"
     "  -c CLIENTS  connections at a time (32)\n"
-    "  -f FILES    files that they share (6)\n"
+    "  -f FILES    files that they share (12)\n"
     "  -t SECONDS  how long (10)\n"
     "  -s SEED     of the random requests (1)\n"
     "  -k, --kill  have a worker killed every 700 ms meanwhile\n";
