@@ -142,7 +142,7 @@ pid_t spawnProcess(const SpawnOptions *options, const char *command);
  *
  * Returns the command's status word, to which WIFEXITED() and its like apply: 0x7f00 when it could
  * not be executed. -1 when it could not be started, with fork's errno, ENOMEM, or EINVAL for a null
- * command. */
+ * command. A process that a callback forks off during the wait gets -1 with errno ECHILD. */
 int ZORsystem(const char *command);
 
 /* Starts a command, as spawnProcess() does, with a stream to its standard input or from its standard
@@ -159,8 +159,8 @@ FILE *ZORpopen(const char *command, const char *mode);
  * it still writes, a broken pipe.
  *
  * Returns the command's status word. -1 with errno ECHILD, and the stream closed all the same, when
- * it is none of ZORpopen()'s, or was opened before a fork by the parent of this process and its
- * command had not ended by then. */
+ * it is none of ZORpopen()'s, or another process opened it, from which this one was forked before
+ * the command ended. */
 int ZORpclose(FILE *stream);
 
 /* ---- daemons and pseudo-terminals ---- */

@@ -100,12 +100,6 @@ int ZORpclose(FILE *stream) {
     // Out of the list before the loop runs: a callback may open a stream on the same descriptor.
     unlinkNode<ListLink>(unlisted);
     HeapGuard<PopenEntry> entry(unlisted);
-    if (entry->done == 0 && entry->owner != ::getpid()) {
-        errno = ECHILD;  // inherited through a fork: no report of its end will come here
-        return -1;
-    }
-    (void)iosched(0);
-    while (entry->done == 0)
-        (void)iosched(-1);
+    if (!waitForOwnChild(entry->done, entry->owner)) return -1;
     return entry->status;
 }

@@ -21,6 +21,10 @@ ChildRecord *reserveChild(void);  // null with errno ENOMEM
 void commitChild(ChildRecord *reserved, int pid, ChildDoneFunc callback, void *arg);
 void dropReservation(ChildRecord *reserved);  // keeps errno
 
+// Runs passes, at least one, until the flag that a child's callback sets is not 0. A process forked
+// off its owner in the meantime, or before, never hears of that child: false with errno ECHILD there.
+bool waitForOwnChild(const int32_t &done, pid_t owner);
+
 // Calls every fork hook, oldest first.
 void applyForkTab(int phase, int value);
 

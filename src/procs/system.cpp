@@ -4,6 +4,9 @@
 
 #include "sched/sched_internal.h"
 
+#include <cerrno>
+#include <unistd.h>
+
 namespace {
 
 // Lives in the frame of the call that waits.
@@ -46,7 +49,20 @@ private:
 
 }  // namespace
 
+bool waitForOwnChild(const int32_t &done, pid_t owner) {
+    (void)iosched(0);
+    while (done == 0) {
+        if (::getpid() != owner) {
+            errno = ECHILD;
+            return false;
+        }
+        (void)iosched(-1);  // -1 only says that a signal came, most likely the child's
+    }
+    return true;
+}
+
 int ZORsystem(const char *command) {
+    const pid_t owner = ::getpid();
     ChildRecord *reserved = reserveChild();
     if (reserved == nullptr) return -1;
     // Let in now, SIGCHLD would reap a quick child before it is registered.
@@ -60,8 +76,5 @@ int ZORsystem(const char *command) {
     IgnoredSignal interrupt(SIGINT), quit(SIGQUIT);
     SystemWait wait{};
     commitChild(reserved, pid, childdone, &wait);
-    (void)iosched(0);
-    while (wait.done == 0)
-        (void)iosched(-1);  // -1 only says that a signal came, most likely the child's
-    return buildStatus(&wait.status);
+    return waitForOwnChild(wait.done, owner) ? buildStatus(&wait.status) : -1;
 }
