@@ -1,0 +1,72 @@
+// What the tests of programs and commands share.
+#pragma once
+
+#include "support/loop.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+inline std::string readAll(int fd) {
+    std::string text;
+    char bytes[4096];
+    ssize_t count = 0;
+    while ((count = ::read(fd, bytes, sizeof bytes)) > 0)
+        text.append(bytes, static_cast<size_t>(count));
+    return text;
+}
+
+// A pipe with blocking ends that no program inherits by accident.
+struct PlainPipe {
+    PlainPipe() { EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0); }
+    ~PlainPipe() {
+        closeWriteEnd();
+        ::close(ends[0]);
+    }
+    PlainPipe(const PlainPipe &) = delete;
+    PlainPipe &operator=(const PlainPipe &) = delete;
+    int readEnd() const { return ends[0]; }
+    int writeEnd() const { return ends[1]; }
+    void closeWriteEnd() {
+        if (ends[1] >= 0) ::close(ends[1]);
+        ends[1] = -1;
+    }
+    std::string rest() {  // what the others have written, once they all have closed it
+        closeWriteEnd();
+        return readAll(ends[0]);
+    }
+
+    int ends[2] = {-1, -1};
+};
+
+// Waits for a child through the loop; its status word.
+inline int statusOf(pid_t pid) {
+    struct Wait {
+        int status = 0;
+        bool done = false;
+    } wait;
+    const auto done = [](void *arg, const ChildStatus *status) {
+        *static_cast<Wait *>(arg) = {buildStatus(status), true};
+    };
+    EXPECT_EQ(registerChild(pid, done, &wait), 0);
+    EXPECT_TRUE(runUntil([&] { return wait.done; }));
+    return wait.status;
+}
+
+inline bool hasChildren() {
+    siginfo_t info;
+    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// A hexadecimal mask of /proc/<pid>/status, such as "SigIgn:", in its text.
+inline uint64_t maskIn(const std::string &status, const std::string &name) {
+    const size_t at = status.find(name);
+    EXPECT_NE(at, std::string::npos) << name << " in " << status;
+    return at == std::string::npos ? 0 : std::stoull(status.substr(at + name.size()), nullptr, 16);
+}
+
+inline uint64_t maskOf(int sig) {
+    return uint64_t{1} << (sig - 1);
+}

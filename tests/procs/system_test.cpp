@@ -1,0 +1,172 @@
+#include "procs/program.h"
+#include "procs/syscall_wrap.h"
+#include "support/alloc_wrap.h"
+#include "support/in_child.h"
+#include "support/scratch_dir.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace {
+
+class System : public LoopTest {};
+
+int interrupts = 0;
+
+void countInterrupt(int) {
+    ++interrupts;
+}
+
+struct sigaction actionOf(int sig) {
+    struct sigaction action = {};
+    EXPECT_EQ(::sigaction(sig, nullptr, &action), 0);
+    return action;
+}
+
+}  // namespace
+
+TEST_F(System, ReturnsTheStatusWord) {
+    EXPECT_EQ(ZORsystem("true"), 0);
+    EXPECT_EQ(ZORsystem("exit 3"), 0x300);
+    EXPECT_EQ(ZORsystem("kill -TERM $$"), SIGTERM);
+    EXPECT_EQ(ZORsystem("no-such-program"), 0x7f00);
+}
+
+// Outside the loop's mask the child would be reaped by its signal before it is registered.
+TEST_F(System, ChildIsNotMissedWhenSignalsAreLetInOutsideTheLoop) {
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_EQ(enableSignals(), 0);
+        ASSERT_EQ(ZORsystem("true"), 0);
+        ASSERT_EQ(enableSignals(), 0);
+        FILE *stream = ZORpopen("true", "r");
+        ASSERT_EQ(ZORpclose(stream), 0);
+    }
+}
+
+TEST_F(System, StopOfTheCommandEndsTheWait) {
+    const ScratchDir dir;
+    EXPECT_EQ(ZORsystem(("echo $$ > " + dir.path() + "/pid; kill -STOP $$").c_str()), 0x137f);
+    EXPECT_EQ(ZORsystem(("read pid < " + dir.path() + "/pid; kill -KILL $pid").c_str()), 0);
+    EXPECT_TRUE(runUntil([] { return !hasChildren(); }));
+}
+
+TEST_F(System, LoopGoesOnDuringTheWait) {
+    const ScratchDir dir;
+    const std::string fifo = dir / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const int writer = ::open(fifo.c_str(), O_RDWR | O_CLOEXEC);
+    // The command ends only when the timer has fired during the wait.
+    TestTimer release(1, [&] { EXPECT_EQ(::write(writer, "go\n", 3), 3); });
+    startTimer(&release);
+    EXPECT_EQ(ZORsystem(("read line < " + fifo + "; test \"$line\" = go").c_str()), 0);
+    EXPECT_EQ(release.fired, 1);
+    ::close(writer);
+}
+
+TEST_F(System, InterruptsAreIgnoredDuringTheWait) {
+    ASSERT_EQ(catchSignal(SIGINT, countInterrupt), SIG_DFL);
+    ASSERT_EQ(catchSignal(SIGQUIT, countInterrupt), SIG_DFL);
+    EXPECT_EQ(ZORsystem("kill -INT $PPID; kill -QUIT $PPID"), 0);
+    (void)iosched(0);
+    EXPECT_EQ(interrupts, 0);
+    ASSERT_EQ(::raise(SIGINT), 0);
+    EXPECT_TRUE(runUntil([] { return interrupts == 1; }));
+}
+
+TEST_F(System, InterruptHandlersComeBackAsTheyWere) {
+    for (const SchedSignalFunc handler : {SIG_DFL, SIG_IGN, SchedSignalFunc{countInterrupt}}) {
+        ASSERT_NE(catchSignal(SIGINT, handler), SIG_ERR);
+        EXPECT_EQ(ZORsystem("true"), 0);
+        EXPECT_EQ(catchSignal(SIGINT, SIG_DFL), handler);
+    }
+    // A handler that the library does not know stays what it is: a signal handler.
+    struct sigaction own = {};
+    own.sa_handler = countInterrupt;
+    own.sa_flags = SA_RESTART;
+    sigaddset(&own.sa_mask, SIGHUP);
+    ASSERT_EQ(::sigaction(SIGQUIT, &own, nullptr), 0);
+    EXPECT_EQ(ZORsystem("kill -QUIT $PPID"), 0);
+    const struct sigaction after = actionOf(SIGQUIT);
+    EXPECT_EQ(after.sa_handler, own.sa_handler);
+    EXPECT_EQ(after.sa_flags & SA_RESTART, SA_RESTART);
+    EXPECT_EQ(sigismember(&after.sa_mask, SIGHUP), 1);
+    interrupts = 0;
+    ::raise(SIGQUIT);
+    EXPECT_EQ(interrupts, 1) << "at once, not in a later pass";
+}
+
+TEST_F(System, NestedCallsLeaveTheOuterOnesStateAlone) {
+    ASSERT_EQ(catchSignal(SIGINT, countInterrupt), SIG_DFL);
+    int inner = -1;
+    TestTimer nested(1, [&] {
+        inner = ZORsystem("exit 4");
+        EXPECT_EQ(actionOf(SIGINT).sa_handler, SIG_IGN);
+        EXPECT_EQ(actionOf(SIGQUIT).sa_handler, SIG_IGN);
+    });
+    startTimer(&nested);
+    PlainPipe pipe;
+    TestTimer release(20, [&] { pipe.closeWriteEnd(); });
+    startTimer(&release);
+    const int input = ::dup(STDIN_FILENO);
+    ::dup2(pipe.readEnd(), STDIN_FILENO);
+    EXPECT_EQ(ZORsystem("read line; exit 5"), 0x500);
+    ::dup2(input, STDIN_FILENO);
+    ::close(input);
+    EXPECT_EQ(inner, 0x400);
+    EXPECT_EQ(catchSignal(SIGINT, SIG_DFL), countInterrupt);
+    EXPECT_EQ(actionOf(SIGQUIT).sa_handler, SIG_DFL);
+}
+
+TEST_F(System, ProcessForkedOffDuringTheWaitReturns) {
+    const pid_t parent = ::getpid();
+    PlainPipe pipe;  // the command ends when both processes have closed it
+    int childStatus = -1;
+    TestTimer fork(1, [&] {
+        const pid_t pid = ioFork();
+        pipe.closeWriteEnd();
+        if (pid == 0) return;
+        const auto done = [](void *arg, const ChildStatus *status) {
+            *static_cast<int *>(arg) = buildStatus(status);
+        };
+        EXPECT_EQ(registerChild(pid, done, &childStatus), 0);
+    });
+    startTimer(&fork);
+    ASSERT_EQ(::fcntl(pipe.readEnd(), F_SETFD, 0), 0);
+    const std::string command = "read line < /proc/self/fd/" + std::to_string(pipe.readEnd());
+    const int status = ZORsystem(command.c_str());
+    if (::getpid() != parent) ::_exit(status == -1 && errno == ECHILD ? 0 : 1);
+    EXPECT_EQ(status, 1 << 8);
+    EXPECT_TRUE(runUntil([&] { return childStatus != -1; }));
+    EXPECT_EQ(childStatus, 0);
+}
+
+TEST_F(System, CommandHasTheDispositionsOfBefore) {
+    const ScratchDir dir;
+    const std::string command = "grep SigIgn /proc/self/status > " + dir.path() + "/status";
+    const auto ignoredByCommand = [&] {
+        EXPECT_EQ(ZORsystem(command.c_str()), 0);
+        const int fd = ::open((dir / "status").c_str(), O_RDONLY | O_CLOEXEC);
+        const uint64_t ignored = maskIn(readAll(fd), "SigIgn:");
+        ::close(fd);
+        return ignored & (maskOf(SIGINT) | maskOf(SIGQUIT));
+    };
+    ASSERT_NE(catchSignal(SIGINT, countInterrupt), SIG_ERR);
+    EXPECT_EQ(ignoredByCommand(), 0u);
+    ASSERT_NE(catchSignal(SIGQUIT, SIG_IGN), SIG_ERR);
+    EXPECT_EQ(ignoredByCommand(), maskOf(SIGQUIT));
+}
+
+TEST_F(System, OutOfMemoryStartsNothing) {
+    const ScratchDir dir;
+    const std::string command = ": > " + dir.path() + "/ran";
+    allocationsUntilFailure = 0;
+    EXPECT_EQ(ZORsystem(command.c_str()), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    failNextFork = true;
+    EXPECT_EQ(ZORsystem(command.c_str()), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(ZORsystem(nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(hasChildren());
+    EXPECT_EQ(fileSize(dir / "ran"), -1);
+}
