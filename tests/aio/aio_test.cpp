@@ -1,0 +1,319 @@
+#include "aio/request.h"
+#include "support/alloc_wrap.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <memory>
+#include <sys/socket.h>
+
+extern "C" {
+ssize_t __real_read(int fd, void *buffer, size_t length);
+ssize_t __wrap_read(int fd, void *buffer, size_t length);
+}
+
+namespace {
+
+bool interruptNextRead = false;
+
+class Aio : public LoopTest {
+protected:
+    AIOPipeEnds pipe;
+    char bytes[64] = {};
+};
+
+bool isNonBlocking(int fd) {
+    return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
+}
+
+}  // namespace
+
+ssize_t __wrap_read(int fd, void *buffer, size_t length) {
+    if (!std::exchange(interruptNextRead, false)) return __real_read(fd, buffer, length);
+    errno = EINTR;
+    return -1;
+}
+
+TEST_F(Aio, PipeEndsBlockUnlessAskedOtherwise) {
+    for (int flags = 0; flags <= 3; ++flags) {
+        const AIOPipeEnds ends(flags);
+        EXPECT_EQ(isNonBlocking(ends.readFd), (flags & AIO_PIPE_NONBLOCK_READ) != 0);
+        EXPECT_EQ(isNonBlocking(ends.writeFd), (flags & AIO_PIPE_NONBLOCK_WRITE) != 0);
+    }
+    const DescriptorLimit none(lowestFreeDescriptor());
+    int readFd = 7, writeFd = 7;
+    EXPECT_EQ(AIOPipe(&readFd, &writeFd, 3), -1);
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_TRUE(readFd == -1 && writeFd == -1);
+}
+
+TEST_F(Aio, ReadWaitsForDataAndEndsTheRequest) {
+    TestRequest request(pipe.readFd, bytes, sizeof bytes);
+    ASSERT_EQ(AIORead(&request), 0);
+    EXPECT_EQ(iosched(0), 0);
+    EXPECT_EQ(request.calls, 0);
+    pipe.put("some");
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(request.calls, 1);
+    EXPECT_EQ(request.transferred, 4);
+    EXPECT_EQ(request.error, 0);
+    pipe.put("more");
+    EXPECT_EQ(iosched(0), 0) << "no longer watched";
+    EXPECT_EQ(activeRecords(), 0);
+}
+
+TEST_F(Aio, OneTransferPerReadinessWithTheBufferOfTheMoment) {
+    TestRequest request(pipe.readFd, bytes, 2);
+    request.onDone = [&] {
+        request.buffer = static_cast<char *>(request.buffer) + request.transferred;
+        return request.transferred;
+    };
+    ASSERT_EQ(AIORead(&request), 0);
+    pipe.put("abcde");
+    for (int pass = 1; pass <= 3; ++pass) {
+        EXPECT_EQ(iosched(0), 1);
+        EXPECT_EQ(request.calls, pass);
+    }
+    EXPECT_EQ(request.transferred, 1);
+    EXPECT_STREQ(bytes, "abcde");
+    pipe.closeWriteEnd();
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(request.transferred, 0);  // end of file
+    EXPECT_EQ(request.error, 0);
+}
+
+TEST_F(Aio, TransferThatFailsIsReported) {
+    (void)catchSignal(SIGPIPE, SIG_IGN);
+    TestRequest write(pipe.writeFd, bytes, 8);
+    pipe.closeReadEnd();
+    ASSERT_EQ(AIOWrite(&write), 0);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(write.transferred == 0 && write.error == EPIPE);
+
+    const int directory = ::open("/", O_RDONLY | O_CLOEXEC);
+    TestRequest read(directory, bytes, 8);
+    read.onDone = [&] { return read.calls < 2; };  // whether to go on is its own affair
+    ASSERT_EQ(AIORead(&read), 0);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(read.transferred == 0 && read.error == EISDIR);
+    EXPECT_EQ(iosched(0), 0);
+    ::close(directory);
+}
+
+TEST_F(Aio, InterruptedTransferIsReported) {
+    TestRequest request(pipe.readFd, bytes, 8, [] { return 1; });
+    ASSERT_EQ(AIORead(&request), 0);
+    pipe.put("x");
+    interruptNextRead = true;
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(request.transferred == 0 && request.error == EINTR);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(request.transferred == 1 && request.error == 0);
+    AIOCancelRead(&request);
+}
+
+TEST_F(Aio, DataThatAnotherCallbackHasTakenIsNoTransfer) {
+    AIOPipeEnds later;
+    ASSERT_LT(pipe.readFd, later.readFd);  // the lower descriptor is served first
+    TestRequest request(later.readFd, bytes, 8);
+    Watch thief(pipe.readFd);
+    thief.input([&] {
+        EXPECT_EQ(::read(pipe.readFd, bytes, 1), 1);
+        EXPECT_EQ(::read(later.readFd, bytes, 1), 1);
+    });
+    ASSERT_EQ(AIORead(&request), 0);
+    pipe.put("x");
+    later.put("x");
+    EXPECT_EQ(iosched(0), 2);
+    EXPECT_EQ(thief.inputs, 1);
+    EXPECT_EQ(request.calls, 0);
+    later.put("y");
+    EXPECT_EQ(iosched(0), 1) << "still waiting";
+    EXPECT_EQ(request.calls, 1);
+}
+
+TEST_F(Aio, CompletionMayCancelAndFreeItsRequest) {
+    for (const int result : {0, 1}) {
+        auto *request = new TestRequest(pipe.readFd, bytes, 1);
+        request->userData = bytes + result;
+        request->callback = [](AIORequest *done) {
+            const std::unique_ptr<TestRequest> owner(static_cast<TestRequest *>(done));
+            AIOCancelRead(done);
+            return static_cast<char *>(done->buffer) == done->userData ? 0 : 1;
+        };
+        ASSERT_EQ(AIORead(request), 0);
+        pipe.put("xx");
+        EXPECT_EQ(iosched(0), 1);
+        EXPECT_EQ(iosched(0), 0) << "no longer watched, with a byte still in the pipe";
+        EXPECT_EQ(activeRecords(), 0);
+        EXPECT_EQ(freeRecords(), 1);
+        EXPECT_EQ(::read(pipe.readFd, bytes, sizeof bytes), 1);
+    }
+}
+
+TEST_F(Aio, StartWithoutCancelInACompletionThatFinishesLosesItsPlace) {
+    TestRequest other(pipe.readFd, bytes, 1);
+    TestRequest request(pipe.readFd, bytes, 1, [&] {
+        EXPECT_EQ(AIORead(&other), 0);
+        return 0;
+    });
+    ASSERT_EQ(AIORead(&request), 0);
+    pipe.put("xx");
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(iosched(0), 0);
+    AIOCancelRead(&other);  // still active, and started again without harm
+    ASSERT_EQ(AIORead(&other), 0);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(other.calls, 1);
+    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 2);
+}
+
+// The restarted request gets the very record that has just been released.
+TEST_F(Aio, CompletionMayCancelAndRestart) {
+    TestRequest other(pipe.readFd, bytes, 1);
+    TestRequest request(pipe.readFd, bytes, 1);
+    TestRequest *next = &request;
+    request.onDone = [&] {
+        AIOCancelRead(&request);
+        EXPECT_EQ(AIORead(next), 0);
+        return 0;
+    };
+    ASSERT_EQ(AIORead(&request), 0);
+    const AIOData *record = findAIODataForRead(&request);
+    pipe.put("xxxx");
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(request.calls, 2);
+    EXPECT_EQ(findAIODataForRead(&request), record);
+    next = &other;
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(request.calls, 3);
+    EXPECT_EQ(other.calls, 1);
+    EXPECT_EQ(activeRecords(), 0);
+    EXPECT_EQ(freeRecords(), 1);
+}
+
+TEST_F(Aio, CompletionMayRunPassesAndIsNotEnteredAgain) {
+    TestRequest request(pipe.readFd, bytes, 1);
+    int depth = 0;
+    request.onDone = [&] {
+        EXPECT_EQ(++depth, 1);
+        (void)iosched(0);
+        --depth;
+        return request.calls < 2;
+    };
+    ASSERT_EQ(AIORead(&request), 0);
+    pipe.put("xx");
+    EXPECT_TRUE(runUntil([&] { return request.calls == 2; }));
+    EXPECT_EQ(activeRecords(), 0);
+}
+
+TEST_F(Aio, ReadAndWriteOnOneDescriptorAtOnce) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    char out[] = "out";
+    TestRequest read(ends[0], bytes, sizeof bytes), write(ends[0], out, 3);
+    ASSERT_EQ(AIORead(&read), 0);
+    ASSERT_EQ(AIOWrite(&write), 0);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(write.calls == 1 && write.transferred == 3 && read.calls == 0);
+    ASSERT_EQ(::write(ends[1], "in", 2), 2);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(write.calls == 1 && read.calls == 1 && read.transferred == 2);
+    ASSERT_EQ(AIORead(&read), 0);
+    ASSERT_EQ(AIOWrite(&write), 0);
+    AIOCancelWrite(&read);  // active, but not in this direction
+    AIOCancelRead(&read);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(write.calls == 2 && read.calls == 1);
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST_F(Aio, StartingAnActiveRequestIsRefused) {
+    TestRequest read(pipe.readFd, bytes, 1), write(pipe.writeFd, bytes, 1);
+    ASSERT_EQ(AIORead(&read), 0);
+    ASSERT_EQ(AIOWrite(&write), 0);
+    EXPECT_EQ(AIORead(&read), -1);
+    EXPECT_EQ(errno, EALREADY);
+    errno = 0;
+    EXPECT_EQ(AIOWrite(&write), -1);
+    EXPECT_EQ(errno, EALREADY);
+    EXPECT_EQ(activeRecords(), 2);
+    EXPECT_TRUE(runUntil([&] { return read.calls == 1; }));
+    EXPECT_EQ(write.calls, 1);
+    EXPECT_EQ(activeRecords(), 0);
+}
+
+TEST_F(Aio, CancellingAnIdleRequestTouchesNothing) {
+    TestRequest request(pipe.readFd, bytes, 1);
+    Watch watch(pipe.readFd);
+    watch.input();
+    AIOCancelRead(&request);
+    AIOCancelWrite(&request);
+    pipe.put("x");
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(watch.inputs, 1);
+    ASSERT_EQ(AIORead(&request), 0);  // takes the input over
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_TRUE(request.calls == 1 && watch.inputs == 1);
+    watch.input();
+    AIOCancelRead(&request);  // finished
+    pipe.put("x");
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(watch.inputs, 2);
+}
+
+TEST_F(Aio, RecordsArePooledAndCountTheirReleases) {
+    TestRequest read(pipe.readFd, bytes, 1), write(pipe.writeFd, bytes, 1);
+    ASSERT_EQ(AIORead(&read), 0);
+    ASSERT_EQ(AIOWrite(&write), 0);
+    const AIOData *record = findAIODataForRead(&read);
+    const unsigned long allocations = allocationCount;
+    for (uint32_t round = 0; round < 10; ++round) {
+        EXPECT_EQ(record->generation, round);
+        AIOCancelRead(&read);
+        EXPECT_EQ(record->generation, round + 1);
+        EXPECT_EQ(freeRecords(), 1);
+        ASSERT_EQ(AIORead(&read), 0);
+        EXPECT_EQ(findAIODataForRead(&read), record);
+    }
+    EXPECT_EQ(allocationCount, allocations);
+    EXPECT_EQ(aioQueueHead.next, findAIODataForWrite(&write)) << "in the order of starting";
+    freeAIOData(nullptr);
+    AIOCancelRead(&read);
+    AIOCancelWrite(&write);
+}
+
+TEST_F(Aio, RequestThatCannotStartLeavesNothingBehind) {
+    TestRequest request(-1, bytes, 1);
+    EXPECT_EQ(AIORead(&request), -1);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(AIOWrite(&request), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
+    TestRequest first(pipe.readFd, bytes, 1), second(pipe.writeFd, bytes, 1);
+    ASSERT_EQ(AIORead(&first), 0);
+    allocationsUntilFailure = 0;
+    EXPECT_EQ(AIOWrite(&second), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(iosched(0), 0) << "nothing registered for the write";
+    AIOCancelRead(&first);
+}
+
+TEST_F(Aio, ActiveRequestsSurviveASecondStart) {
+    TestRequest read(pipe.readFd, bytes, 1), idle(pipe.readFd, bytes, 1);
+    ASSERT_EQ(AIORead(&read), 0);
+    ASSERT_EQ(ExitSched(), 0);
+    startLibrary();
+    EXPECT_EQ(activeRecords(), 1);
+    pipe.put("x");
+    EXPECT_TRUE(runUntil([&] { return read.calls == 1; }));
+    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
+    ASSERT_EQ(AIORead(&idle), 0);
+    EXPECT_TRUE(activeRecords() == 1 && freeRecords() == 0);
+    AIOCancelRead(&idle);
+}
