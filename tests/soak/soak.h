@@ -10,3 +10,4 @@ bool soak(const char *name, int rounds, void (*playRound)(int round));
 
 // One for each source file of items.
 bool soakSched();
+bool soakProcsAio();

@@ -64,7 +64,7 @@ int main() {
         std::printf("%s\n", msg);
         return 1;
     }
-    constexpr bool (*kGroups[])() = {soakSched};
+    constexpr bool (*kGroups[])() = {soakSched, soakProcsAio};
     bool clean = true;
     for (const auto group : kGroups)
         clean = group() && clean;
