@@ -36,7 +36,7 @@ constexpr int kMaxStarts = 1000;
 // How long a creator waits for a file that is in use and not initialised. An attacher that finds it
 // so holds its lock for microseconds.
 constexpr int kNotReadyTries = 500;
-constexpr timespec kNotReadyPause{0, 1000 * 1000};
+constexpr timespec kNotReadyPause{0, 1000000};
 
 // Beside the public result codes: the locked file is not the one at the path.
 constexpr uint32_t kStartOver = 1;

@@ -77,6 +77,14 @@ TEST_F(ArenaRace, DeletedBetweenOpenAndLockIsCreatedAnew) {
     }
 }
 
+TEST_F(ArenaRace, AFileThatIsAlwaysDeletedIsGivenUp) {
+    const int before = openDescriptors();
+    flockHook = [this](LockMoment) { EXPECT_EQ(DeleteSharedArena(path.c_str()), 0u); };
+    EXPECT_EQ(open(SHARED_ARENA_CREATE), kSystemError);
+    EXPECT_EQ(errno, ESTALE);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
 TEST_F(ArenaRace, AnAttacherWhoseFileIsDeletedFindsNone) {
     writeFile(path, std::string(4096, '\0'));
     const int before = openDescriptors();
@@ -178,12 +186,13 @@ TEST_F(ArenaRace, ACreatorGivesUpOnAFileThatStaysUninitialised) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(ArenaRace, AnExclusiveLockOfAnotherProgramKeepsItsMeaning) {
+TEST_F(ArenaRace, LocksMeanToOtherProgramsWhatTheySay) {
     ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-    EXPECT_EQ(::flock(::dup(arena->descriptor), LOCK_SH | LOCK_NB), 0);
-    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    const int fd = lockedDescriptor(LOCK_SH);
     EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), -1) << "an open handle holds a shared lock";
     CloseSharedArena(std::exchange(arena, nullptr));
+    EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0) << "and nothing else";
+    EXPECT_EQ(DeleteSharedArena(path.c_str()), static_cast<uint32_t>(SHARED_ERR_BUSY));
     ::close(fd);
 }
 
