@@ -13,8 +13,9 @@
 //   attacher of a file that nobody has initialised yet. It lets go and tries again for a while.
 //
 // What no process does is to write through, or cut, a file that it does not hold: so a mapping that a
-// caller has been given is never cut. A process killed anywhere leaves at worst a file without magic,
-// which the next creator initialises again.
+// caller has been given is never cut. A creator that is killed leaves a file without magic or a whole
+// arena (in the last of these, for two instructions, with the header mutex locked); either way the
+// next creator that finds nobody else initialises it again.
 
 #include "shared/shared_internal.h"
 
