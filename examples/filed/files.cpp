@@ -39,7 +39,7 @@ uint32_t FileSet::open(const std::string &path, const ModeWords &words, uint32_t
     OpenFile file{};
     file.fd = openServedFile(path, accessFlags(words), &file.key);
     if (file.fd < 0) return 0;
-    const uint32_t handle = ++lastHandle_;
+    const uint32_t handle = lastHandle_ + 1;
     refusal->key = file.key;
     refusal->code = OpenSharedFile(share.table, owner_, handle, &file.key, words.mode,
                                    words.maxOpens, path.c_str(), &refusal->inUse);
@@ -50,6 +50,7 @@ uint32_t FileSet::open(const std::string &path, const ModeWords &words, uint32_t
     file.mode = words.mode & ~SHARED_FILE_IGNORE_OPLOCKS;
     *combinedMode = refusal->inUse;
     files_[handle] = file;
+    lastHandle_ = handle;
     return handle;
 }
 

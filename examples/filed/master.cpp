@@ -121,11 +121,22 @@ void explainStuckErrand() {
 
 // ---- cleaning and killing, one errand at a time ----
 
+void cleanLater(pid_t pid) {
+    if (stopping) {
+        logLine("the records of worker %d stay in the lock table", pid);
+        return;
+    }
+    toClean.push_back(pid);
+    errandRetry.func = [](SchedTimer *) { runErrands(); };
+    errandRetry.interval = kErrandRetryMs;
+    (void)restartTimer(&errandRetry);
+}
+
 void onErrandDone(Errand what, pid_t pid, ErrandEnd end) {
-    if (end == ErrandEnd::Stuck) {
-        explainStuckErrand();
-    } else if (end == ErrandEnd::Failed) {
+    if (end == ErrandEnd::Stuck) return explainStuckErrand();
+    if (end == ErrandEnd::Failed) {
         logLine("the errand for worker %d failed", pid);
+        if (what == Errand::Clean) return cleanLater(pid);
     } else if (what == Errand::Clean) {
         share.board->cleanings++;
     }
@@ -145,13 +156,9 @@ void runErrands() {
     if (!toClean.empty()) {
         const pid_t pid = toClean.front();
         toClean.pop_front();
-        if (!startErrand(Errand::Clean, pid, onErrandDone)) {
-            logLine("cannot remove the records of worker %d yet: %s", pid, strerror(errno));
-            toClean.push_back(pid);
-            errandRetry.func = [](SchedTimer *) { runErrands(); };
-            errandRetry.interval = kErrandRetryMs;
-            (void)restartTimer(&errandRetry);
-        }
+        if (startErrand(Errand::Clean, pid, onErrandDone)) return;
+        logLine("cannot remove the records of worker %d yet: %s", pid, strerror(errno));
+        cleanLater(pid);
     } else if (killsWanted > 0 && !workers.empty()) {
         startKill();
     }
@@ -175,16 +182,19 @@ void retireSlot(BoardSlot &slot) {
     slot.pid = 0;
 }
 
-// The first short life costs nothing; each further one in a row doubles the wait.
+// The first short life costs nothing; each further one in a row doubles the wait. The timer runs in
+// any case: it ends the pass after which the main loop fills the seat.
 void vacate(Seat &seat, int64_t lifeMs) {
     seat.shortLives = lifeMs < kShortLifeMs ? seat.shortLives + 1 : 0;
     seat.vacant = true;
-    if (seat.shortLives < 2) return;
-    const int doublings = std::min(seat.shortLives - 2, 10);
-    seat.delay.interval = std::min(kFirstDelayMs << doublings, kLongestDelayMs);
+    seat.delay.interval = 0;
+    if (seat.shortLives > 1) {
+        const int doublings = std::min(seat.shortLives - 2, 10);
+        seat.delay.interval = std::min(kFirstDelayMs << doublings, kLongestDelayMs);
+        logLine("%d short lives in a row, the next start waits %lld ms", seat.shortLives,
+                static_cast<long long>(seat.delay.interval));
+    }
     (void)restartTimer(&seat.delay);
-    logLine("%d short lives in a row, the next start waits %lld ms", seat.shortLives,
-            static_cast<long long>(seat.delay.interval));
 }
 
 // Goes on with a rolling restart: the seat is vacated, the main loop starts the successor, and that

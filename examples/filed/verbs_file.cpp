@@ -85,7 +85,7 @@ public:
         const int code =
             connection_.files().test(handle_, offset_, &allowed, SHARED_FILE_TEST_READ);
         if (code != 0) return replyCode(connection_, code, "the lock table fails");
-        if (allowed == 0) return stopAtLock();
+        if (wanted > 0 && allowed == 0) return stopAtLock();
         buffer_.resize(static_cast<size_t>(allowed));
         const ssize_t got = pread(file->fd, buffer_.data(), buffer_.size(), offset_);
         if (got < 0) return replyErrno(connection_, "cannot read");

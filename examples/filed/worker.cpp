@@ -117,7 +117,7 @@ void runWorker(int listenFd, int rootFd, BoardSlot *slot) {
     listenSocket = listenFd;
     worker::rootFd = rootFd;
     worker::counters = slot;
-    slot->pid = getpid(); // the master writes the same, perhaps after we have served somebody
+    slot->pid = getpid();  // the master writes the same, perhaps after we have served somebody
     if (!adoptShare()) {
         logLine("cannot adopt the arena: %s", strerror(errno));
         exit(1);
