@@ -143,11 +143,13 @@ TEST_F(Aio, CompletionMayCancelAndFreeItsRequest) {
             return static_cast<char *>(done->buffer) == done->userData ? 0 : 1;
         };
         ASSERT_EQ(AIORead(request), 0);
+        const AIOData *record = findAIODataForRead(request);
+        const uint32_t generation = record->generation;
         pipe.put("xx");
         EXPECT_EQ(iosched(0), 1);
         EXPECT_EQ(iosched(0), 0) << "no longer watched, with a byte still in the pipe";
-        EXPECT_EQ(activeRecords(), 0);
-        EXPECT_EQ(freeRecords(), 1);
+        EXPECT_EQ(record->generation, generation + 1) << "released once";
+        EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
         EXPECT_EQ(::read(pipe.readFd, bytes, sizeof bytes), 1);
     }
 }
