@@ -26,7 +26,8 @@ extern "C" {
 
 typedef struct AIORequest AIORequest;
 
-/* The completion function. Called from the loop after each transfer, with transferred and error set.
+/* The completion function. Called from the loop after each transfer, with transferred and error set,
+ * but not for EAGAIN: the request goes on waiting then.
  * Non-zero keeps the request active, for another transfer at the next readiness with what buffer and
  * length are then; zero ends it.
  *

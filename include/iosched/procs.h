@@ -152,7 +152,8 @@ int ZORsystem(const char *command);
  *
  * Returns the stream, to be closed with ZORpclose() and nothing else. NULL with nothing started and
  * nothing left open: errno from pipe, fdopen or fork, ENOMEM, or EINVAL for a null argument. Passes
- * that run before ZORpclose() collect the command when it ends; its status is kept. */
+ * that run before ZORpclose() collect the command when it ends; its status is kept. What is written
+ * to a command that has ended, ZORpclose()'s last flush included, raises SIGPIPE. */
 FILE *ZORpopen(const char *command, const char *mode);
 
 /* Closes a stream of ZORpopen() and waits for its command, which sees the end of its input or, when
