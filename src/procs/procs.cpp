@@ -172,7 +172,10 @@ void applyForkTab(int phase, int value) {
     ++forkHeadBusy;
     for (ListLink *link = forkHead.next; link != &forkHead; link = link->next) {
         auto *hook = static_cast<ForkHook *>(link);
-        if (hook->function != nullptr) hook->function(hook->argument, phase, value);
+        if (hook->function == nullptr) continue;
+        // Asked anew each time: where a hook forks, the grandchild goes on with its parent's walk.
+        if (phase == FORK_CHILD) value = ::getpid();
+        hook->function(hook->argument, phase, value);
     }
     --forkHeadBusy;
     if (forkHeadBusy == 0) sweepForkHooks();

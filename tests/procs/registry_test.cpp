@@ -312,6 +312,28 @@ TEST_F(Forking, AHookMayForkAndRemoveHooksInside) {
     EXPECT_EQ(calledIn(FORK_PARENT), "1f3");
 }
 
+// The grandchild returns into its parent's walk and finishes it; the hooks must not hear their
+// grandparent's child called the present process.
+TEST_F(Forking, HooksAfterOneThatForksHearTheirOwnProcessId) {
+    TestHook forker('f'), last('l');
+    pid_t inner = -1;
+    forker.onCall = [&](int phase) {
+        if (phase == FORK_CHILD && inner == -1) {
+            inner = 0;  // once
+            inner = ioFork();
+        }
+    };
+    forker.add();
+    last.add();
+    const pid_t pid = ioFork();
+    if (pid == 0) {
+        EXPECT_EQ(hookCalls.back(), (HookCall{'l', FORK_CHILD, ::getpid()}));
+        EXPECT_EQ(inner == 0 ? 0 : waitForChild(inner), 0);
+        ::_exit(HasFailure() ? 1 : 0);
+    }
+    EXPECT_EQ(waitForChild(pid), 0);
+}
+
 TEST_F(Forking, TheChildStartsWithoutChildrenAndKeepsTheRest) {
     TestChild sleeper([] { (void)::poll(nullptr, 0, -1); });
     TestPipe pipe;
