@@ -20,10 +20,10 @@
 
 namespace {
 
-constexpr size_t kReadBytes = 16 * 1024;
-constexpr size_t kInputLimit = 64 * 1024;  // buffered while a command is under way
-constexpr size_t kHighWater = 256 * 1024;  // output: no more is produced above
-constexpr size_t kLowWater = 64 * 1024;    // and again below
+constexpr size_t kReadBytes = size_t{16} * 1024;
+constexpr size_t kInputLimit = size_t{64} * 1024;  // buffered while a command is under way
+constexpr size_t kHighWater = size_t{256} * 1024;  // output: no more is produced above
+constexpr size_t kLowWater = size_t{64} * 1024;    // and again below
 constexpr int64_t kLingerMs = 1000;
 
 std::map<uint32_t, std::shared_ptr<Connection>> connections;  // those that are not closed

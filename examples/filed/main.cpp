@@ -24,20 +24,20 @@
 Settings settings;
 
 void logLine(const char *format, ...) {
-    char text[512];
+    char message[400];
+    va_list args;
+    va_start(args, format);
+    (void)vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    char clock[16];
     const time_t now = time(nullptr);
     struct tm parts;
     (void)localtime_r(&now, &parts);
-    const size_t used = strftime(text, sizeof text, "%H:%M:%S ", &parts);
-    const int more = snprintf(text + used, sizeof text - used, "filed[%d] ", getpid());
-    const size_t begin = used + static_cast<size_t>(more);
-    va_list args;
-    va_start(args, format);
-    (void)vsnprintf(text + begin, sizeof text - begin - 1, format, args);
-    va_end(args);
-    (void)strlcat(text, "\n", sizeof text);
-    (void)!write(STDERR_FILENO, text,
-                 strlen(text));  // one call: lines of several processes stay whole
+    (void)strftime(clock, sizeof clock, "%H:%M:%S", &parts);
+    char line[512];
+    const int length = snprintf(line, sizeof line, "%s filed[%d] %s\n", clock, getpid(), message);
+    // One call, so that the lines of several processes stay whole.
+    (void)!write(STDERR_FILENO, line, static_cast<size_t>(length));
 }
 
 namespace {

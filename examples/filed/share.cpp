@@ -13,7 +13,7 @@ constexpr char kTableName[] = "filed.locks";
 constexpr char kBoardName[] = "filed.board";
 constexpr int32_t kFilesPerWorker = 256;
 constexpr int32_t kLocksPerWorker = 1024;
-constexpr uint64_t kSlackBytes = 64 * 1024;  // block headers, names, rounding
+constexpr uint64_t kSlackBytes = uint64_t{64} * 1024;  // block headers, names, rounding
 
 bool openBoard() {
     uint64_t size = sizeof(Board);

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr size_t kPieceBytes = 64 * 1024;  // of a READ, in one pass of the loop
+constexpr size_t kPieceBytes = size_t{64} * 1024;  // of a READ, in one pass of the loop
 constexpr uint32_t kAccess = SHARED_FILE_READ | SHARED_FILE_WRITE | SHARED_FILE_DELETE;
 
 void replyCode(Connection &connection, int code, const char *text) {

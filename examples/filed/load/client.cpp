@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <iosched/sched.h>
 #include <netinet/in.h>
@@ -37,6 +38,13 @@ int64_t nowUs() {
     timespec now;
     (void)clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{1000000} * now.tv_sec + now.tv_nsec / 1000;
+}
+
+// The number behind a word of the line; 0 if there is none.
+int numberBehind(const std::string &line, const char *word) {
+    const size_t at = line.find(word);
+    if (at == std::string::npos) return 0;
+    return static_cast<int>(strtol(line.c_str() + at + strlen(word), nullptr, 10));
 }
 
 std::string fileName(int file) {
@@ -152,8 +160,8 @@ void Client::takeLines() {
 }
 
 void Client::greeted(const std::string &line) {
-    int worker = 0, master = 0;
-    if (sscanf(line.c_str(), "OK filed ready, worker=%d master=%d", &worker, &master) != 2) {
+    const int worker = numberBehind(line, "worker="), master = numberBehind(line, "master=");
+    if (!line.starts_with("OK") || worker <= 0 || master <= 0) {
         load_.report.badReplies++;
         return lose();
     }
