@@ -1,7 +1,9 @@
 // The table as a whole: its size, its bytes when it is new, attaching, cleaning, a mutex that fails.
 
 #include "iosched/shared.h"
+#include "shared/call_wrap.h"
 #include "shared/locks_internal.h"
+#include "support/arena_check.h"
 #include "support/in_child.h"
 #include "support/lock_table.h"
 #include "support/lock_table_bytes.h"
@@ -124,6 +126,39 @@ TEST(LocksTable, NoChunkAndNoRoomAreReportedAndKeepNothing) {
     EXPECT_EQ(table, nullptr);
     ASSERT_EQ(AllocateSharedFileLockTable(scratch.arena, "t", 1, 1, 0, &table), 0);
     EXPECT_EQ(FreeSharedFileLockTable(table), 0);
+}
+
+TEST(LocksTable, ANewTableWhoseMutexFailsIsTakenBack) {
+    const struct {
+        const char *call;
+        int letThrough;  // the first lock is the arena's
+    } cases[] = {
+        {"pthread_mutexattr_init", 0}, {"pthread_mutex_init", 0}, {"pthread_mutex_lock", 1}};
+    for (const auto &c : cases) {
+        // In a child, since an arena's mutex that is not given back stops whoever comes next.
+        EXPECT_CHILD_OK(
+            [&] {
+                SCOPED_TRACE(c.call);
+                ScratchArena scratch;
+                const auto fresh = readArena(scratch.arena->base, scratch.arena->mapLength);
+                SharedFileLockTable *table = nullptr;
+                callHook = failing(c.call, ENOTSUP, c.letThrough);
+                EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 1, 1, 0, &table),
+                          SCHED_ERR_SYSTEM);
+                EXPECT_EQ(errno, ENOTSUP);
+                callHook = nullptr;
+                EXPECT_EQ(table, nullptr);
+
+                const auto left = readArena(scratch.arena->base, scratch.arena->mapLength);
+                EXPECT_EQ(left.fault, "");
+                EXPECT_EQ(left.freeBlocks, fresh.freeBlocks);
+                EXPECT_TRUE(left.allocatedBlocks.empty());
+                ASSERT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 1, 1, 0, &table), 0)
+                    << "the arena is free for the next";
+                EXPECT_EQ(FreeSharedFileLockTable(table), 0);
+            },
+            10000);
+    }
 }
 
 // A chunk that somebody else made under the table's name: so large, with these two words in it.

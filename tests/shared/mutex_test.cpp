@@ -2,6 +2,7 @@
 
 #include "iosched/procs.h"
 #include "iosched/sched.h"
+#include "shared/call_wrap.h"
 #include "support/in_child.h"
 
 #include <cerrno>
@@ -67,6 +68,21 @@ TEST_F(Mutex, InitialisingLeavesTheHolderField) {
     EXPECT_EQ(errno, 0);
     EXPECT_EQ(mutex->holder, 77u);
     EXPECT_EQ(DestroySharedMutex(mutex), 0u);
+}
+
+TEST_F(Mutex, AFailedInitialisationReportsTheCallThatFailed) {
+    int destroyed = 0;
+    for (const std::string_view call : {"pthread_mutexattr_init", "pthread_mutexattr_setpshared",
+                                        "pthread_mutex_init", "pthread_mutexattr_destroy"}) {
+        callHook = [&](std::string_view now) {
+            destroyed += now == "pthread_mutexattr_destroy";
+            return now == call ? ENOTSUP : 0;
+        };
+        EXPECT_EQ(InitializeSharedMutex(mutex), static_cast<uint32_t>(SCHED_ERR_SYSTEM)) << call;
+        EXPECT_EQ(errno, ENOTSUP) << "not what the clean-up gave";
+    }
+    callHook = nullptr;
+    EXPECT_EQ(destroyed, 3) << "each attribute that was made";
 }
 
 TEST_F(Mutex, ChildrenOfIoForkRecordThemselves) {
