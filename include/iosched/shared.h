@@ -96,8 +96,9 @@ typedef struct SharedArena {
  *          other process attaches. Without it an open only attaches.
  *   mode   permissions of a file that is made, as for open(2).
  *   size   bytes, rounded up to whole pages; used only by the process that initialises. The
- *          file is written out in full, so that a full disk shows here (ENOSPC). 0, and a size
- *          that cannot be rounded up, empty the file and fail with EINVAL.
+ *          file is written out in full, so that a full disk shows here (ENOSPC). 0 empties the
+ *          file and fails with EINVAL; so does a size that cannot be rounded up, but the file
+ *          stays as it is.
  *   arena  receives the handle, the caller's until CloseSharedArena().
  *
  * Waits while another process initialises. A creator that finds the file in use, but not

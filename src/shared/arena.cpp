@@ -46,9 +46,14 @@ constexpr uint32_t kStartOver = 1;
 // and inode identify the mapped file for as long as the handle is open.
 struct ArenaRecord {
     SharedArena arena;
+    bool sizeIsTooLarge;  // what was asked for cannot be rounded up to whole pages
     dev_t device;
     ino_t inode;
 };
+
+const ArenaRecord *recordOf(const SharedArena *arena) {
+    return reinterpret_cast<const ArenaRecord *>(arena);
+}
 
 // Owns a handle with all it holds until release().
 class ArenaGuard {
@@ -74,6 +79,7 @@ ArenaRecord *newArenaRecord(const char *path, uint64_t size) {
     const auto page = static_cast<uint64_t>(::getpagesize());
     record->arena.descriptor = -1;
     record->arena.size = (size + page - 1) / page * page;
+    record->sizeIsTooLarge = record->arena.size < size;
     record->arena.path = ::strdup(path);
     return record->arena.path == nullptr ? nullptr : record.release();
 }
@@ -105,6 +111,10 @@ bool lockedFileIsAtPath(int fd, const char *path) {
 uint32_t initialiseFile(SharedArena *arena) {
     // attachFile() asks again; here it saves filling a file that is gone, perhaps without success.
     if (!lockedFileIsAtPath(arena->descriptor, arena->path)) return kStartOver;
+    if (recordOf(arena)->sizeIsTooLarge) {
+        errno = EINVAL;  // nor is the file to be emptied for it
+        return SCHED_ERR_SYSTEM;
+    }
     if (writeEmptyArenaFile(arena->descriptor, arena->size) < 0) return SCHED_ERR_SYSTEM;
     if (mapArena(arena) < 0) return SCHED_ERR_SYSTEM;
     const uint32_t result = initialiseArenaHeader(arena);

@@ -96,6 +96,22 @@ TEST_F(Arena, SizeZeroEmptiesAnIdleFileAndFails) {
     EXPECT_EQ(fileSize(path), 0);
 }
 
+TEST_F(Arena, ASizeThatCannotBeRoundedUpLeavesTheFileAlone) {
+    ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
+    ASSERT_NE(allocate("kept", 64), nullptr);
+    SharedArena *first = std::exchange(arena, nullptr);
+    EXPECT_EQ(open(SHARED_ARENA_CREATE, UINT64_MAX), 0u) << "an attacher's size means nothing";
+    close();
+    CloseSharedArena(first);
+    for (const uint64_t huge : {UINT64_MAX, UINT64_MAX - 4094}) {
+        errno = 0;
+        EXPECT_EQ(open(SHARED_ARENA_CREATE, huge), kSystemError);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    ASSERT_EQ(open(0), 0u);
+    EXPECT_NE(allocate("kept", 0), nullptr);
+}
+
 TEST_F(Arena, FilesThatAreNoArenaGetACode) {
     ASSERT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u);
     close();
