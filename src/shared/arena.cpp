@@ -130,29 +130,26 @@ uint32_t attachFile(SharedArena *arena) {
     return checkArenaHeader(arena);
 }
 
-uint32_t tryToJoin(SharedArena *arena, bool create) {
-    if (create) {
-        if (::flock(arena->descriptor, LOCK_EX | LOCK_NB) == 0) {
-            const uint32_t result = initialiseFile(arena);
-            if (result != 0) return result;
-        } else if (errno != EWOULDBLOCK) {
-            return SCHED_ERR_SYSTEM;
-        }
-    }
-    return attachFile(arena);
+// Initialises the file if no other process uses it: the only process that may. 0 also when one does.
+uint32_t initialiseIdleFile(SharedArena *arena) {
+    if (::flock(arena->descriptor, LOCK_EX | LOCK_NB) == 0) return initialiseFile(arena);
+    return errno == EWOULDBLOCK ? 0 : SCHED_ERR_SYSTEM;
 }
 
 // Mapping fails with EINVAL only where the file is empty.
-bool isNotReady(uint32_t result) {
-    return result == SHARED_ERR_MAGIC || (result == SCHED_ERR_SYSTEM && errno == EINVAL);
+bool isNotReady(uint32_t attached) {
+    return attached == SHARED_ERR_MAGIC || (attached == SCHED_ERR_SYSTEM && errno == EINVAL);
 }
 
 // Joins the file behind the descriptor, as its initialiser or as an attacher.
 uint32_t joinFile(SharedArena *arena, bool create) {
     for (int triesLeft = kNotReadyTries;; --triesLeft) {
-        const uint32_t result = tryToJoin(arena, create);
-        // An arena of no bytes is this caller's own wish, and fails for good.
-        if (!create || arena->size == 0 || !isNotReady(result) || triesLeft == 0) return result;
+        if (create) {
+            const uint32_t failed = initialiseIdleFile(arena);
+            if (failed != 0) return failed;
+        }
+        const uint32_t attached = attachFile(arena);
+        if (!create || !isNotReady(attached) || triesLeft == 0) return attached;
         unmapArena(arena);
         (void)::flock(arena->descriptor, LOCK_UN);  // somebody must be able to initialise it
         (void)::nanosleep(&kNotReadyPause, nullptr);
