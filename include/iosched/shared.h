@@ -123,7 +123,8 @@ uint32_t DeleteSharedArena(const char *path);
  * relative one must still lead to the file.
  *
  * Returns 0, or SCHED_ERR_SYSTEM, after which the handle's descriptor is -1 or has no lock; ESTALE
- * means that another file is at the path now. The call may be repeated. */
+ * means that another file is at the path now, or that this one was made anew with another size
+ * while the handle had no lock. The call may be repeated. */
 uint32_t ForkSharedArena(SharedArena *arena);
 
 /* ---- named chunks ----

@@ -184,11 +184,15 @@ int recordIdentity(ArenaRecord *record) {
     return 0;
 }
 
+// Whether the locked file is the one that is mapped, and as long as it was then. A handle that has
+// been without a lock may have been overtaken by a creator or a deleter.
 bool isMappedFile(const SharedArena *arena, int fd) {
-    const auto *record = reinterpret_cast<const ArenaRecord *>(arena);
+    const ArenaRecord *record = recordOf(arena);
     struct stat status;
     return ::fstat(fd, &status) == 0 && status.st_dev == record->device &&
-           status.st_ino == record->inode;
+           status.st_ino == record->inode &&
+           static_cast<uint64_t>(status.st_size) == arena->mapLength &&
+           lockedFileIsAtPath(fd, arena->path);
 }
 
 }  // namespace
@@ -229,6 +233,7 @@ uint32_t DeleteSharedArena(const char *path) {
 uint32_t ForkSharedArena(SharedArena *arena) {
     // The inherited descriptor keeps the parent's lock alive. It goes last: were it closed before
     // the child has a lock of its own, the parent's end could leave the mapped file to a creator.
+    // (Linux lets the mapping, too, keep the lock, but promises it nowhere.)
     FdGuard inherited(std::exchange(arena->descriptor, -1));
     FdGuard own(::open(arena->path, O_RDWR));
     if (own.get() < 0 && (errno == EMFILE || errno == ENFILE)) {
@@ -238,7 +243,7 @@ uint32_t ForkSharedArena(SharedArena *arena) {
     if (own.get() < 0) return SCHED_ERR_SYSTEM;
     const bool locked = ::flock(own.get(), LOCK_SH) == 0;
     if (locked && !isMappedFile(arena, own.get())) {
-        errno = ESTALE;  // a lock on another file protects nothing
+        errno = ESTALE;  // a lock on another file, or on a deleted one, protects nothing
         return SCHED_ERR_SYSTEM;
     }
     arena->descriptor = own.release();

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 
 namespace {
@@ -248,6 +249,8 @@ TEST_F(ArenaRace, AForkedChildNeverStandsWithoutALock) {
     if (child == 0) {
         char byte;
         (void)::read(parentIsGone[0], &byte, 1);
+        // Linux lets the mapping keep the lock too, which would hide a descriptor closed too early.
+        ::munmap(arena->mapAddress, arena->mapLength);
         bool busy = false;
         onceAt(LockMoment::beforeLock,
                [&] { busy = DeleteSharedArena(path.c_str()) == SHARED_ERR_BUSY; });
@@ -260,6 +263,25 @@ TEST_F(ArenaRace, AForkedChildNeverStandsWithoutALock) {
     EXPECT_EQ(DeleteSharedArena(path.c_str()), 0u);
     for (const int end : parentIsGone)
         ::close(end);
+}
+
+// A handle whose ForkSharedArena failed has no lock, and the file may be taken from it.
+TEST_F(ArenaRace, AForkedChildThatStoodWithoutALockIsToldWhatBecameOfItsFile) {
+    const std::function<void()> takeovers[] = {
+        [this] { EXPECT_EQ(DeleteSharedArena(path.c_str()), 0u); },
+        [this] { EXPECT_EQ(openOther(SHARED_ARENA_CREATE, 16384), 0u); },
+    };
+    for (const auto &takeOver : takeovers) {
+        ASSERT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u);
+        // Closing alone would not do where the mapping keeps the lock, as on Linux.
+        EXPECT_EQ(::flock(arena->descriptor, LOCK_UN), 0);
+        ::close(std::exchange(arena->descriptor, -1));
+        onceAt(LockMoment::beforeLock, takeOver);
+        EXPECT_EQ(ForkSharedArena(arena), kSystemError);
+        EXPECT_EQ(errno, ESTALE);
+        EXPECT_EQ(arena->descriptor, -1);
+        CloseSharedArena(std::exchange(arena, nullptr));
+    }
 }
 
 }  // namespace
