@@ -170,8 +170,7 @@ TEST_F(Arena, IsDeletedOnlyOnceNobodyHasItOpen) {
 
 TEST_F(Arena, AFullFileSystemShowsWhenTheArenaIsCreated) {
     runWithOwnMounts([] {
-        const ScratchMount mount;
-        const std::string full = mount.tmpfs("full", "size=64k") + "/arena";
+        const std::string full = newTmpfs("full", "size=64k") + "/arena";
         SharedArena *none = nullptr;
         const int before = openDescriptors();
         EXPECT_EQ(OpenSharedArena(full.c_str(), SHARED_ARENA_CREATE, 0600, 1 << 20, &none),

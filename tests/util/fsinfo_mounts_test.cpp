@@ -23,47 +23,38 @@ char *__wrap_strdup(const char *text) {
 
 namespace {
 
+std::string tableLine(const std::string &device, const std::string &place) {
+    return device + " " + place + " tmpfs rw 0 0\n";
+}
+
 TEST(MountPoints, LastLineWinsAtTheLoadAndTheFirstInARescan) {
     runWithOwnMounts([] {
-        ScratchMount scratch;
-        const std::string early = scratch.tmpfs("early one");
+        const uint64_t early = deviceNumber(newTmpfs("early one"));
+        const std::string quoted = ::testing::TempDir() + "early\\040one";
+        const std::string gone = tableLine("gone", "/no/such/place");
         hideEtc();
-        std::string quoted = early;
-        quoted.replace(quoted.find(' '), 1, "\\040");
-        writeMountTable("gone /no/such/place tmpfs rw 0 0\n"
-                        "first " +
-                        quoted +
-                        " tmpfs rw 0 0\n"
-                        "last " +
-                        quoted + " tmpfs rw 0 0\n");
-        EXPECT_STREQ(findMountedDevice(deviceNumber(early)), "last");
-
-        const std::string late = scratch.tmpfs("late");
-        writeMountTable("gone /no/such/place tmpfs rw 0 0\n"
-                        "first " +
-                        late +
-                        " tmpfs rw 0 0\n"
-                        "last " +
-                        late + " tmpfs rw 0 0\n");
-        EXPECT_STREQ(findMountedDevice(deviceNumber(late)), "first");
-
-        writeMountTable("other " + late + " tmpfs rw 0 0\nother " + quoted + " tmpfs rw 0 0\n");
-        EXPECT_STREQ(findMountedDevice(deviceNumber(early)), "last");
-        EXPECT_STREQ(findMountedDevice(deviceNumber(late)), "first");
+        writeMountTable(gone + tableLine("first", quoted) + tableLine("last", quoted));
+        EXPECT_STREQ(findMountedDevice(early), "last");
+        const std::string place = newTmpfs("late");
+        const uint64_t late = deviceNumber(place);
+        writeMountTable(gone + tableLine("first", place) + tableLine("last", place));
+        EXPECT_STREQ(findMountedDevice(late), "first");
+        writeMountTable(tableLine("other", place) + tableLine("other", quoted));
+        EXPECT_STREQ(findMountedDevice(early), "last");
+        EXPECT_STREQ(findMountedDevice(late), "first");
     });
 }
 
 TEST(MountPoints, MissingTableLeavesAnEmptyCacheAndRescans) {
     runWithOwnMounts([] {
-        ScratchMount scratch;
-        const std::string place = scratch.tmpfs("place");
+        const std::string place = newTmpfs("place");
         hideEtc();
         EXPECT_EQ(findMountedDevice(deviceNumber(place)), nullptr);
-        writeMountTable("elsewhere / tmpfs rw 0 0\n");
-        EXPECT_EQ(findMountedDevice(deviceNumber(place)), nullptr);
         // Loading counts as done, so this is a rescan: the first line wins.
-        writeMountTable("first " + place + " tmpfs rw 0 0\nlast " + place + " tmpfs rw 0 0\n");
+        writeMountTable(tableLine("first", place) + tableLine("last", place));
+        const int lowest = ::dup(0);
         EXPECT_STREQ(findMountedDevice(deviceNumber(place)), "first");
+        EXPECT_EQ(::dup(0), lowest + 1) << "the table was left open";
     });
 }
 
@@ -79,11 +70,10 @@ TEST(MountPoints, LackOfMemoryCostsOneLineOrTheRest) {
                  {0b0111, 0b10, nullptr}};
     for (const auto &lack : cases) {
         runWithOwnMounts([&] {
-            ScratchMount scratch;
-            const std::string place = scratch.tmpfs("place");
+            const std::string place = newTmpfs("place");
             hideEtc();
-            writeMountTable("one " + place + " tmpfs rw 0 0\n" + "two " + place +
-                            " tmpfs rw 0 0\n" + "three " + place + " tmpfs rw 0 0\n");
+            writeMountTable(tableLine("one", place) + tableLine("two", place) +
+                            tableLine("three", place));
             failingCallocs = lack.callocs;
             failingStrdups = lack.strdups;
             EXPECT_STREQ(findMountedDevice(deviceNumber(place)), lack.device);
@@ -91,15 +81,6 @@ TEST(MountPoints, LackOfMemoryCostsOneLineOrTheRest) {
         });
         if (IsSkipped()) return;
     }
-}
-
-TEST(MountPoints, LookupLeavesNoDescriptorOpen) {
-    const int before = ::dup(0);
-    ::close(before);
-    (void)findMountedDevice(0);
-    const int after = ::dup(0);
-    ::close(after);
-    EXPECT_EQ(after, before);
 }
 
 }  // namespace

@@ -1,47 +1,28 @@
 #include "iosched/util.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
 #include <string>
 
 namespace {
 
-constexpr size_t kBufferBytes = 16;
-constexpr char kText[] = "0123456789";
-
-std::string bufferWith(const std::string &text) {
-    std::string buffer(kBufferBytes, '~');
-    return buffer.replace(0, text.size() + 1, text.c_str(), text.size() + 1);
+// What `tail` appended at `kept` leaves in a buffer of `size` bytes.
+std::string appended(std::string buffer, size_t kept, const std::string &tail, size_t size) {
+    if (kept >= size) return buffer;
+    const std::string text = tail.substr(0, size - 1 - kept) + '\0';
+    return buffer.replace(kept, text.size(), text);
 }
 
-TEST(Strlcpy, EveryLengthAndSizeAgreesWithItsDefinition) {
-    for (size_t length = 0; length <= 10; ++length) {
-        const std::string src(kText, length);
-        for (size_t size = 0; size <= kBufferBytes; ++size) {
-            std::string dst(kBufferBytes, '~');
-            std::string expected = dst;
-            if (size > 0) {
-                const size_t kept = std::min(length, size - 1);
-                expected.replace(0, kept, src, 0, kept);
-                expected[kept] = '\0';
-            }
-            EXPECT_EQ(strlcpy(dst.data(), src.c_str(), size), length);
-            EXPECT_EQ(dst, expected) << "length " << length << " size " << size;
-        }
-    }
-}
-
-TEST(Strlcat, EveryLengthAndSizeAgreesWithItsDefinition) {
+TEST(Strlfuncs, EveryLengthAndSizeAgreesWithTheDefinition) {
     for (size_t before = 0; before <= 5; ++before) {
         for (size_t length = 0; length <= 10; ++length) {
-            const std::string head(before, 'h'), src(kText, length);
-            for (size_t size = 0; size <= kBufferBytes; ++size) {
-                std::string dst = bufferWith(head), expected = dst;
-                if (before < size) {
-                    const std::string joined = (head + src).substr(0, size - 1);
-                    expected.replace(0, joined.size(), joined);
-                    expected[joined.size()] = '\0';
-                }
+            const std::string src = std::string("0123456789").substr(0, length);
+            for (size_t size = 0; size <= 16; ++size) {
+                std::string dst(16, '~');
+                std::string expected = appended(dst, 0, src, size);
+                EXPECT_EQ(strlcpy(dst.data(), src.c_str(), size), length);
+                EXPECT_EQ(dst, expected) << "length " << length << " size " << size;
+                dst.assign(before, 'h').append(1, '\0').resize(16, '~');
+                expected = appended(dst, before, src, size);
                 EXPECT_EQ(strlcat(dst.data(), src.c_str(), size), before + length);
                 EXPECT_EQ(dst, expected) << before << "+" << length << " size " << size;
             }
