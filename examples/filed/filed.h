@@ -32,7 +32,7 @@ constexpr int kMaxWorkers = 32;
 constexpr size_t kMaxLineBytes = 4096;
 constexpr uint32_t kMaxOpenFiles = 16;   // of each connection
 constexpr int kMaxPrograms = 8;          // RUNs of each worker at a time
-constexpr int kMaxSleepers = 32;         // SLEEPs of each worker at a time: they nest on the stack
+constexpr int kMaxSleepers = 32;         // waits of each worker at a time: they nest on the stack
 constexpr int64_t kMaxSleepMs = 10'000;  // a nested sleep holds up the ones around it
 constexpr int64_t kRunLimitMs = 60'000;
 

@@ -24,6 +24,7 @@ void doHolders(Connection &connection, Words &words);
 // verbs_server.cpp
 void doDf(Connection &connection, Words &words);
 void doSleep(Connection &connection, Words &words);
+void doSystem(Connection &connection, Words &words);
 void doStats(Connection &connection, Words &words);
 
 // run.cpp

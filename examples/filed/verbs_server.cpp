@@ -5,8 +5,12 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <cstdlib>
 #include <cstring>
+#include <iosched/procs.h>
 #include <iosched/util.h>
+#include <string>
+#include <sys/wait.h>
 
 void doDf(Connection &connection, Words &) {
     FSInfo fs;
@@ -23,20 +27,53 @@ void doDf(Connection &connection, Words &) {
                                                       static_cast<double>(total)));
 }
 
-// Sleeps right here, in a callback, while the loop goes on: other connections are served, and this
-// one may be closed meanwhile. Whoever called us keeps the record alive, and reply() on a closed
-// connection does nothing. Sleeps nest, hence the limits: an outer one ends after the inner ones.
+// SLEEP and SYSTEM wait right here, in a callback, while the loop goes on: other connections are
+// served, and this one may be closed meanwhile. Whoever called us keeps the record alive, and
+// reply() on a closed connection does nothing. The waits nest, hence the limits: an outer one ends
+// after the inner ones.
+namespace {
+
+int waiters;
+
+bool mayWait(Connection &connection) {
+    if (waiters < kMaxSleepers) return true;
+    connection.reply("ERR LIMIT %d others are waiting already", waiters);
+    return false;
+}
+
+}  // namespace
+
 void doSleep(Connection &connection, Words &words) {
-    static int sleepers;
     unsigned ms = 0;
     if (!words.number(&ms) || ms > kMaxSleepMs)
         return connection.reply("ERR SYNTAX SLEEP ms, at most %d", static_cast<int>(kMaxSleepMs));
-    if (sleepers >= kMaxSleepers)
-        return connection.reply("ERR LIMIT %d others are asleep already", sleepers);
-    sleepers++;
+    if (!mayWait(connection)) return;
+    waiters++;
     (void)msleep(ms);
-    sleepers--;
+    waiters--;
     connection.reply("OK slept %u ms", ms);
+}
+
+// The command goes through the environment, where nothing in it can end the quoting.
+void doSystem(Connection &connection, Words &words) {
+    if (!settings.allowRun) return connection.reply("ERR OFF this server was started without -R");
+    if (words.empty()) return connection.reply("ERR SYNTAX SYSTEM command line");
+    if (!mayWait(connection)) return;
+    char command[128];
+    (void)snprintf(command, sizeof command,
+                   "exec timeout -k 1 %d sh -c \"$FILED_COMMAND\" </dev/null >/dev/null 2>&1",
+                   static_cast<int>(kMaxSleepMs / 1000));
+    if (setenv("FILED_COMMAND", std::string(words.rest()).c_str(), 1) != 0)
+        return connection.reply("ERR SYSTEM cannot start it: %s", strerror(errno));
+    waiters++;
+    const int status = ZORsystem(command);
+    waiters--;
+    if (status == -1)
+        connection.reply("ERR SYSTEM cannot wait for it: %s", strerror(errno));
+    else if (WIFSIGNALED(status))
+        connection.reply("OK signal %d", WTERMSIG(status));
+    else
+        connection.reply("OK exit %d", WEXITSTATUS(status));
 }
 
 void doStats(Connection &connection, Words &) {

@@ -1,5 +1,8 @@
 // Connections: lines, limits, sleeping, idling, back-pressure, programs.
 #include "filed_server.h"
+#include "support/guards.h"
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -52,6 +55,21 @@ TEST(FiledLines, OthersAreServedWhileOneSleepsAndGoesAway) {
     EXPECT_EQ(other.ask("SLEEP 150"), "OK slept 150 ms");
     EXPECT_TRUE(other.askAll("STATS").info.at(0).find("connections 2 ") != std::string::npos);
     EXPECT_EQ(server.stop(), 0);  // with a sleep still on the stack
+}
+
+TEST(FiledLines, OthersAreServedWhileOneAwaitsACommand) {
+    FiledServer server({"-w", "1", "-R"});
+    FiledClient waiter(server), other(server);
+    const std::string gate = server.path("gate");
+    ASSERT_EQ(::mkfifo(gate.c_str(), 0600), 0);
+    waiter.send("SYSTEM read -r line <'" + gate + "' && exit 3\n");
+    const FdGuard gateFd(::open(gate.c_str(), O_WRONLY));  // returns once the command reads
+    for (int i = 0; i < 20; i++)
+        EXPECT_TRUE(other.ask("STATS").starts_with("OK"));
+    EXPECT_TRUE(waiter.quiet());
+    ASSERT_EQ(::write(gateFd.get(), "go\n", 3), 3);
+    EXPECT_EQ(waiter.reply().last, "OK exit 3");
+    EXPECT_EQ(other.ask("SYSTEM kill -9 $$"), "OK signal 9");
 }
 
 TEST(FiledLines, ASilentConnectionIsClosedAndOneWithACommandIsNot) {
