@@ -25,6 +25,7 @@ constexpr size_t kInputLimit = size_t{64} * 1024;  // buffered while a command i
 constexpr size_t kHighWater = size_t{256} * 1024;  // output: no more is produced above
 constexpr size_t kLowWater = size_t{64} * 1024;    // and again below
 constexpr int64_t kLingerMs = 1000;
+constexpr int kLinesPerPass = 32;  // of one connection; then the others have their turns
 
 std::map<uint32_t, std::shared_ptr<Connection>> connections;  // those that are not closed
 uint32_t lastId;
@@ -101,10 +102,14 @@ void Connection::closeWith(const char *line) {
     append(std::string(line) + '\n');
     // The client hears of it before its locks can be granted to anybody else.
     const bool alive = flush();
-    files_.closeAll();
     if (!alive) return close();
-    // Closing with unread input would reset the connection, and the client might never see the line.
-    // So only our half is closed, and what still comes is thrown away for a moment.
+    linger();
+}
+
+// Closing with unread input would reset the connection, and the client might never see the last
+// replies. So only our half is closed, and what still comes is thrown away for a moment.
+void Connection::linger() {
+    files_.closeAll();
     lingering_ = true;
     (void)shutdown(fd_, SHUT_WR);
     watch(false, false);
@@ -179,7 +184,7 @@ void Connection::reply(const char *format, ...) {
 void Connection::quit() {
     input_.clear();
     inputUsed_ = 0;
-    ended_ = true;
+    ended_ = quitting_ = true;
 }
 
 // Sends what the socket takes. Returns false when the client is gone.
@@ -262,7 +267,8 @@ void Connection::serveLines() {
     if (serving_) return;  // a command of this connection sleeps further up; it goes on there
     serving_ = true;
     std::string line;
-    while (!closed() && !lingering_ && !busy_ && !outputFull() && takeLine(&line)) {
+    for (int lines = 0; lines < kLinesPerPass; lines++) {
+        if (closed() || lingering_ || busy_ || outputFull() || !takeLine(&line)) break;
         busy_ = true;
         job_.reset();
         runRequest(*this, line);
@@ -287,7 +293,7 @@ void Connection::settle() {
     const bool last = finished();
     if (!flush()) return close();
     const size_t waiting = output_.size() - outputSent_;
-    if (last && waiting == 0) return close();
+    if (last && waiting == 0) return quitting_ ? linger() : close();
     if (turnWanted_ && waiting < kLowWater) wantTurn();
     const bool moreLines = !busy_ && input_.find('\n', inputUsed_) != std::string::npos;
     watch(!ended_ && waiting < kHighWater && input_.size() < kInputLimit, waiting > 0 || moreLines);

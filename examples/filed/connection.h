@@ -71,6 +71,7 @@ private:
     void serveLines();
     void append(std::string_view text);
     bool flush();
+    void linger();
     bool finished();
     void settle();
     void watch(bool input, bool output);
@@ -86,6 +87,7 @@ private:
     std::string input_, output_;
     size_t inputUsed_ = 0, outputSent_ = 0;  // what is done with, at the front of the buffers
     bool ended_ = false;       // the client has closed its half: nothing more will come
+    bool quitting_ = false;    // the client has asked for the end, whatever it sends now
     bool busy_ = false;        // a command is under way
     bool serving_ = false;     // serveLines() is on the stack
     bool skipping_ = false;    // inside an over-long line

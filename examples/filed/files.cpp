@@ -17,7 +17,7 @@ int openServedFile(const std::string &path, int flags, SharedFileKey *key) {
     const bool isArena = isFile && info.st_dev == share.device && info.st_ino == share.inode;
     if (!isFile || isArena) {
         (void)close(fd);
-        errno = isArena ? EACCES : EINVAL;
+        errno = isArena ? EACCES : EMEDIUMTYPE;
         return -1;
     }
     *key = {info.st_dev, info.st_ino};
@@ -39,7 +39,9 @@ uint32_t FileSet::open(const std::string &path, const ModeWords &words, uint32_t
     OpenFile file{};
     file.fd = openServedFile(path, accessFlags(words), &file.key);
     if (file.fd < 0) return 0;
-    const uint32_t handle = lastHandle_ + 1;
+    uint32_t handle = lastHandle_ + 1;
+    while (handle == 0 || files_.count(handle) != 0)  // the numbers have come round
+        handle++;
     refusal->key = file.key;
     refusal->code = OpenSharedFile(share.table, owner_, handle, &file.key, words.mode,
                                    words.maxOpens, path.c_str(), &refusal->inUse);

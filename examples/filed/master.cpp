@@ -58,7 +58,8 @@ int killsWanted;
 size_t nextToKill;
 bool stopping;
 bool tableLost;
-bool serving;  // the first set of workers is complete
+bool serving;     // the first set of workers is complete
+bool pidWritten;  // the file is ours to remove, not a server's that runs already
 SchedTimer stopGrace;
 SchedTimer errandRetry;
 
@@ -246,8 +247,9 @@ void onWorkerEnd(void *, const ChildStatus *status) {
 void startWorker(size_t seat) {
     BoardSlot *slot = takeSlot();
     if (!slot) return;
+    const pid_t master = getpid();
     const pid_t pid = ioFork();
-    if (pid == 0) runWorker(listenSocket, rootDirectory, slot);
+    if (pid == 0) runWorker(master, listenSocket, rootDirectory, slot);
     seats[seat].vacant = false;
     if (pid < 0) {
         logLine("cannot start a worker: %s", strerror(errno));
@@ -304,7 +306,8 @@ bool writePidFile() {
     FILE *file = fopen(temporary.c_str(), "we");
     if (!file) return false;
     (void)fprintf(file, "%d %d\n", getpid(), settings.port);
-    return fclose(file) == 0 && rename(temporary.c_str(), settings.pidFile) == 0;
+    pidWritten = fclose(file) == 0 && rename(temporary.c_str(), settings.pidFile) == 0;
+    return pidWritten;
 }
 
 bool start() {
@@ -337,7 +340,7 @@ int runMaster(int listenFd, int rootFd) {
     }
     const uint64_t requests = share.board->requests, killed = share.board->killed;
     closeShare(!tableLost);
-    if (settings.pidFile) (void)unlink(settings.pidFile);
+    if (pidWritten) (void)unlink(settings.pidFile);
     logLine("ended: %llu requests served, %llu workers killed",
             static_cast<unsigned long long>(requests), static_cast<unsigned long long>(killed));
     if (!started) return 1;

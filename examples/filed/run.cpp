@@ -53,7 +53,8 @@ private:
     static void onLimit(SchedTimer *timer);
     void finish();
 
-    // The group, and the child by its own number in case it has not made the group yet.
+    // The group, and the child by its own number in case it has not made the group yet. Not once it
+    // is reaped: 0 would mean the server's own group.
     void killProgram() const {
         (void)kill(pid_, SIGKILL);
         (void)kill(-pid_, SIGKILL);
@@ -102,7 +103,10 @@ bool RunJob::begin(const char *command) {
 
 void RunJob::turn() {
     read_.fd = pipe_;
-    if (!outputEnded_ && AIORead(&read_) != 0 && errno != EALREADY) killProgram();
+    if (outputEnded_ || AIORead(&read_) == 0 || errno == EALREADY) return;
+    outputEnded_ = true;  // for all that the client will see of it
+    if (pid_ != 0) killProgram();
+    finish();
 }
 
 // Non-zero goes on reading. A client that does not keep up stops the reading, and with the pipe

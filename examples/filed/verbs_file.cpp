@@ -25,9 +25,10 @@ void replyCode(Connection &connection, int code, const char *text) {
 }
 
 void replyErrno(Connection &connection, const char *what) {
-    const bool escapes = errno == EXDEV || errno == ELOOP;
-    connection.reply("ERR FILE %s: %s", what,
-                     escapes ? "the path leads out of the served directory" : strerror(errno));
+    const char *why = strerror(errno);
+    if (errno == EXDEV || errno == ELOOP) why = "the path leads out of the served directory";
+    if (errno == EMEDIUMTYPE) why = "not a regular file";
+    connection.reply("ERR FILE %s: %s", what, why);
 }
 
 // ---- arguments ----
@@ -58,14 +59,14 @@ std::string unescape(std::string_view text) {
     return plain;
 }
 
-// "pid 17 pid 23" of the processes with an oplock on the file.
+// "pid 17 pid 23" of the processes with an oplock on the file; empty if there is none.
 std::string holders(const SharedFileKey &key) {
     uint32_t pids[32], count = 0;
     (void)GetOplockHolders(share.table, &key, pids, std::size(pids), &count);
     std::string text;
     for (uint32_t i = 0; i < count; i++)
         text += (i ? " pid " : "pid ") + std::to_string(pids[i]);
-    return count ? text : "nobody any more";
+    return text;
 }
 
 // ---- reading in pieces ----
@@ -93,7 +94,8 @@ public:
         offset_ += got;
         total_ += got;
         if (length_ != -1) length_ -= got;
-        if (got < allowed || length_ == 0)
+        // Nothing wanted: the offset is the largest that there is.
+        if (got < allowed || length_ == 0 || wanted == 0)
             connection_.reply("OK %" PRId64 " bytes", total_);
         else if (allowed < wanted)
             stopAtLock();
@@ -139,9 +141,12 @@ void doOpen(Connection &connection, Words &words) {
         connection.files().open(std::string(words.rest()), mode, &combined, &refusal);
     if (handle != 0) return connection.reply("OK %u %s", handle, modeText(combined).c_str());
     if (refusal.code == 0) return replyErrno(connection, "cannot open");
-    if (refusal.code == SHARED_ERR_OPLOCK)
-        return connection.reply("ERR OPLOCK held by %s (in use: %s)", holders(refusal.key).c_str(),
+    if (refusal.code == SHARED_ERR_OPLOCK) {
+        const std::string pids = holders(refusal.key);
+        return connection.reply("ERR OPLOCK held by %s (in use: %s)",
+                                pids.empty() ? "nobody any more" : pids.c_str(),
                                 modeText(refusal.inUse).c_str());
+    }
     if (refusal.code == SHARED_ERR_DENIED)
         return connection.reply("ERR DENIED in use: %s", modeText(refusal.inUse).c_str());
     replyCode(connection, refusal.code, "the lock table cannot take another open");
@@ -197,6 +202,7 @@ void doWrite(Connection &connection, Words &words) {
     if (code != 0) return replyCode(connection, code, "the lock table fails");
     if (allowed < wanted)
         return connection.reply("ERR LOCKED byte %" PRId64 " is locked", offset + allowed);
+    errno = ENOSPC;  // what it means when not all is written; an error of its own replaces it
     if (pwrite(file->fd, bytes.data(), bytes.size(), offset) != wanted)
         return replyErrno(connection, "cannot write it all");
     connection.reply("OK %zu bytes", bytes.size());
@@ -277,5 +283,6 @@ void doHolders(Connection &connection, Words &words) {
     SharedFileKey key{};
     struct stat info {};
     if (!takeFile(connection, words, &key, &info)) return;
-    connection.reply("OK %s", holders(key).c_str());
+    const std::string pids = holders(key);
+    connection.reply("OK %s", pids.empty() ? "nobody" : pids.c_str());
 }

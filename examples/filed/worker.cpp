@@ -109,8 +109,7 @@ void worker::connectionEnded() {
     if (worker::leaving && connectionCount() == 0) endWorker();
 }
 
-void runWorker(int listenFd, int rootFd, BoardSlot *slot) {
-    const pid_t master = getppid();
+void runWorker(pid_t master, int listenFd, int rootFd, BoardSlot *slot) {
     stopAllTimers();  // the master's, inherited
     setSignals();
     if (getppid() != master) _exit(1);  // it ended before prctl() could take effect

@@ -4,8 +4,9 @@
 
 // The life of a worker process: accepts on the listening socket and serves its connections, counting
 // in its slot of the board, until SIGTERM (ends at once, politely) or SIGUSR1 (lets its connections
-// finish, for at most settings.drainMs). Called in the child right after ioFork().
-[[noreturn]] void runWorker(int listenFd, int rootFd, BoardSlot *slot);
+// finish, for at most settings.drainMs). Called in the child right after ioFork(); master is the pid
+// of the process that forked it, taken before.
+[[noreturn]] void runWorker(pid_t master, int listenFd, int rootFd, BoardSlot *slot);
 
 namespace worker {
 

@@ -15,6 +15,7 @@ TEST(FiledFiles, AnOplockRefusesAClientOfAnotherWorkerUntilItIsGivenUp) {
               "ERR OPLOCK held by " + holder + " (in use: read,oplock-batch)");
     EXPECT_EQ(second.ask("HOLDERS f"), "OK " + holder);
     EXPECT_EQ(first.ask("MODE 1 deny-write"), "OK");
+    EXPECT_EQ(second.ask("HOLDERS f"), "OK nobody");
     EXPECT_TRUE(first.ask("MODE 1 oplock-shared").starts_with("ERR OPLOCK"));
     EXPECT_EQ(second.ask("OPEN write f"), "ERR DENIED in use: read,deny-write");
     EXPECT_EQ(second.ask("OPEN read f"), "OK 1 read,deny-write");
@@ -44,6 +45,7 @@ TEST(FiledFiles, ReadsAndWritesRespectTheRangesOfOthers) {
     EXPECT_TRUE(first.ask("UNLOCK 1 100 49").starts_with("ERR NOTLOCKED"));
     EXPECT_EQ(first.ask("UNLOCK 1 100 50"), "OK");
     EXPECT_EQ(second.askAll("READ 1 99 5").data, "ab\nba");
+    EXPECT_EQ(second.ask("READ 1 9223372036854775807 -1"), "OK 0 bytes");
     EXPECT_TRUE(second.ask("LOCK 1 shared 0 0").starts_with("ERR RANGE"));
     EXPECT_TRUE(second.ask("LOCK 1 shared -5 10").starts_with("ERR RANGE"));
     EXPECT_TRUE(second.ask("LOCK 1 shared 9223372036854775807 2").starts_with("ERR RANGE"));

@@ -43,6 +43,21 @@ TEST(FiledLines, AHalfClosedConnectionGetsAllItsReplies) {
     EXPECT_TRUE(client.atEnd());
 }
 
+TEST(FiledLines, WhatComesAfterQuitCostsNoReply) {
+    constexpr int kRequests = 500;  // with replies beyond what our side's buffer takes at once
+    FiledServer server(kOneWorker);
+    FiledClient client(server);
+    std::string lines;
+    for (int i = 0; i < kRequests; i++)
+        lines += "HELP\n";
+    const std::string more(100000, '\n');  // left unread, it would reset the connection
+    client.send(lines + "QUIT\n" + more);
+    for (int i = 0; i < kRequests; i++)
+        EXPECT_TRUE(client.reply().last.starts_with("OK words"));
+    EXPECT_EQ(client.reply().last, "OK bye");
+    EXPECT_TRUE(client.atEnd());
+}
+
 TEST(FiledLines, OthersAreServedWhileOneSleepsAndGoesAway) {
     FiledServer server(kOneWorker);
     FiledClient sleeper(server), gone(server), other(server);

@@ -154,6 +154,25 @@ TEST(FiledProcesses, AMutexLockedByNobodyOnRecordEndsTheServiceTooRatherThanHang
     EXPECT_NE(server.log().find("no holder on record"), std::string::npos);
 }
 
+TEST(FiledProcesses, ASecondServerOnTheArenaEndsAndLeavesTheFirstItsFiles) {
+    FiledServer server({"-w", "1"});
+    FiledClient client(server);
+    while (::access(server.pidFile().c_str(), F_OK) != 0 && ::kill(server.pid(), 0) == 0) {
+    }
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const pid_t second =
+        startProgram({FILED_PROGRAM, "-p", "0", "-r", server.root(), "-a", server.arena(), "-P",
+                      server.pidFile(), "-l", server.path("log")},
+                     null);
+    ::close(null);
+    const int status = waitForChild(second, kDeadlineMs);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_EQ(::access(server.pidFile().c_str(), F_OK), 0);
+    EXPECT_EQ(::access(server.arena().c_str(), F_OK), 0);
+    EXPECT_TRUE(client.ask("OPEN read,create f").starts_with("OK"));
+    EXPECT_EQ(server.stop(), 0);
+}
+
 TEST(FiledProcesses, InTheBackgroundItServesAndEndsLikeAnyOther) {
     FiledServer server({"-w", "2", "-D"});
     EXPECT_EQ(server.waitForEnd(), 0);  // the process that was started has handed over
