@@ -103,8 +103,9 @@ typedef struct SharedArena {
  *
  * Waits while another process initialises. A creator that finds the file in use, but not
  * initialised, tries for about half a second. Returns 0; SCHED_ERR_SYSTEM (EINVAL for an empty file,
- * ESTALE when the path never leads to the file that was opened); SHARED_ERR_MAGIC for a file that is
- * no arena, was half made, or is not whole pages; SHARED_ERR_VERSION. After a failure nothing is
+ * EINTR when a caught signal ended the wait, ESTALE when the path never leads to the file that was
+ * opened); SHARED_ERR_MAGIC for a file that is no arena, was half made, or is not whole pages;
+ * SHARED_ERR_VERSION. After a failure nothing is
  * left open; a file may be left empty or half written, for the next creator. */
 uint32_t OpenSharedArena(const char *path, int flags, mode_t mode, uint64_t size,
                          SharedArena **arena);
@@ -114,7 +115,7 @@ uint32_t OpenSharedArena(const char *path, int flags, mode_t mode, uint64_t size
 uint32_t CloseSharedArena(SharedArena *arena);
 
 /* Removes an arena's file, unless a process (the caller too) has it open: then SHARED_ERR_BUSY.
- * Returns 0, or SCHED_ERR_SYSTEM with errno of open, flock or unlink. */
+ * Returns 0, or SCHED_ERR_SYSTEM with errno of open, flock or unlink, or ESTALE as above. */
 uint32_t DeleteSharedArena(const char *path);
 
 /* To be called in a child after a fork, for each arena that it goes on using: gives it a descriptor
@@ -122,9 +123,10 @@ uint32_t DeleteSharedArena(const char *path);
  * new descriptor is inherited by programs that the child executes. The path is opened again, so a
  * relative one must still lead to the file.
  *
- * Returns 0, or SCHED_ERR_SYSTEM, after which the handle's descriptor is -1 or has no lock; ESTALE
- * means that another file is at the path now, or that this one was made anew with another size
- * while the handle had no lock. The call may be repeated. */
+ * Returns 0, or SCHED_ERR_SYSTEM, after which the handle's descriptor is -1 or has no lock. EINTR
+ * means that a caught signal ended the wait for the lock; ESTALE that another file is at the path
+ * now, or that this one was made anew with another size while the handle had no lock. The call may
+ * be repeated. */
 uint32_t ForkSharedArena(SharedArena *arena);
 
 /* ---- named chunks ----

@@ -265,6 +265,29 @@ TEST_F(ArenaRace, AForkedChildNeverStandsWithoutALock) {
         ::close(end);
 }
 
+TEST_F(ArenaRace, AWaitThatACaughtSignalEndsIsReported) {
+    writeFile(path, std::string(4096, '\0'));
+    const int holder = lockedDescriptor(LOCK_EX);
+    struct sigaction ignoring = {};
+    ignoring.sa_handler = [](int) {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &ignoring, nullptr), 0);
+    const pid_t test = ::getpid();
+    const pid_t sender = ::fork();
+    if (sender == 0) {
+        // Again and again, since the first may come before the wait.
+        while (::kill(test, SIGUSR1) == 0)
+            (void)::poll(nullptr, 0, 1);
+        ::_exit(0);
+    }
+    const int before = openDescriptors();
+    EXPECT_EQ(open(0), kSystemError);
+    EXPECT_EQ(errno, EINTR);
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(::kill(sender, SIGKILL), 0);
+    (void)waitForChild(sender);
+    ::close(holder);
+}
+
 // A handle whose ForkSharedArena failed has no lock, and the file may be taken from it.
 TEST_F(ArenaRace, AForkedChildThatStoodWithoutALockIsToldWhatBecameOfItsFile) {
     const std::function<void()> takeovers[] = {
