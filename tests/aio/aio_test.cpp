@@ -22,10 +22,6 @@ protected:
     char bytes[64] = {};
 };
 
-bool isNonBlocking(int fd) {
-    return (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
-}
-
 }  // namespace
 
 ssize_t __wrap_read(int fd, void *buffer, size_t length) {
@@ -37,29 +33,14 @@ ssize_t __wrap_read(int fd, void *buffer, size_t length) {
 TEST_F(Aio, PipeEndsBlockUnlessAskedOtherwise) {
     for (int flags = 0; flags <= 3; ++flags) {
         const AIOPipeEnds ends(flags);
-        EXPECT_EQ(isNonBlocking(ends.readFd), (flags & AIO_PIPE_NONBLOCK_READ) != 0);
-        EXPECT_EQ(isNonBlocking(ends.writeFd), (flags & AIO_PIPE_NONBLOCK_WRITE) != 0);
+        EXPECT_EQ(::fcntl(ends.readFd, F_GETFL) & O_NONBLOCK, flags & 1 ? O_NONBLOCK : 0);
+        EXPECT_EQ(::fcntl(ends.writeFd, F_GETFL) & O_NONBLOCK, flags & 2 ? O_NONBLOCK : 0);
     }
     const DescriptorLimit none(lowestFreeDescriptor());
     int readFd = 7, writeFd = 7;
     EXPECT_EQ(AIOPipe(&readFd, &writeFd, 3), -1);
     EXPECT_EQ(errno, EMFILE);
     EXPECT_TRUE(readFd == -1 && writeFd == -1);
-}
-
-TEST_F(Aio, ReadWaitsForDataAndEndsTheRequest) {
-    TestRequest request(pipe.readFd, bytes, sizeof bytes);
-    ASSERT_EQ(AIORead(&request), 0);
-    EXPECT_EQ(iosched(0), 0);
-    EXPECT_EQ(request.calls, 0);
-    pipe.put("some");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(request.calls, 1);
-    EXPECT_EQ(request.transferred, 4);
-    EXPECT_EQ(request.error, 0);
-    pipe.put("more");
-    EXPECT_EQ(iosched(0), 0) << "no longer watched";
-    EXPECT_EQ(activeRecords(), 0);
 }
 
 TEST_F(Aio, OneTransferPerReadinessWithTheBufferOfTheMoment) {
@@ -69,6 +50,7 @@ TEST_F(Aio, OneTransferPerReadinessWithTheBufferOfTheMoment) {
         return request.transferred;
     };
     ASSERT_EQ(AIORead(&request), 0);
+    EXPECT_EQ(iosched(0), 0);
     pipe.put("abcde");
     for (int pass = 1; pass <= 3; ++pass) {
         EXPECT_EQ(iosched(0), 1);
@@ -78,39 +60,30 @@ TEST_F(Aio, OneTransferPerReadinessWithTheBufferOfTheMoment) {
     EXPECT_STREQ(bytes, "abcde");
     pipe.closeWriteEnd();
     EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(request.transferred, 0);  // end of file
-    EXPECT_EQ(request.error, 0);
+    EXPECT_TRUE(request.transferred == 0 && request.error == 0) << "end of file";
+    EXPECT_EQ(iosched(0), 0) << "no longer watched";
+    EXPECT_EQ(activeRecords(), 0);
 }
 
 TEST_F(Aio, TransferThatFailsIsReported) {
     (void)catchSignal(SIGPIPE, SIG_IGN);
+    const AIOPipeEnds other;
     TestRequest write(pipe.writeFd, bytes, 8);
     pipe.closeReadEnd();
     ASSERT_EQ(AIOWrite(&write), 0);
     EXPECT_EQ(iosched(0), 1);
     EXPECT_TRUE(write.transferred == 0 && write.error == EPIPE);
 
-    const int directory = ::open("/", O_RDONLY | O_CLOEXEC);
-    TestRequest read(directory, bytes, 8);
+    TestRequest read(other.readFd, bytes, 8);
     read.onDone = [&] { return read.calls < 2; };  // whether to go on is its own affair
     ASSERT_EQ(AIORead(&read), 0);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(read.transferred == 0 && read.error == EISDIR);
-    EXPECT_EQ(iosched(0), 0);
-    ::close(directory);
-}
-
-TEST_F(Aio, InterruptedTransferIsReported) {
-    TestRequest request(pipe.readFd, bytes, 8, [] { return 1; });
-    ASSERT_EQ(AIORead(&request), 0);
-    pipe.put("x");
+    other.put("x");
     interruptNextRead = true;
     EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(request.transferred == 0 && request.error == EINTR);
+    EXPECT_TRUE(read.transferred == 0 && read.error == EINTR);
     EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(request.transferred == 1 && request.error == 0);
-    AIOCancelRead(&request);
+    EXPECT_TRUE(read.transferred == 1 && read.error == 0);
+    EXPECT_EQ(activeRecords(), 0);
 }
 
 TEST_F(Aio, DataThatAnotherCallbackHasTakenIsNoTransfer) {
@@ -129,8 +102,8 @@ TEST_F(Aio, DataThatAnotherCallbackHasTakenIsNoTransfer) {
     EXPECT_EQ(thief.inputs, 1);
     EXPECT_EQ(request.calls, 0);
     later.put("y");
-    EXPECT_EQ(iosched(0), 1) << "still waiting";
-    EXPECT_EQ(request.calls, 1);
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(request.calls, 1) << "still waiting";
 }
 
 TEST_F(Aio, CompletionMayCancelAndFreeItsRequest) {
@@ -175,26 +148,20 @@ TEST_F(Aio, StartWithoutCancelInACompletionThatFinishesLosesItsPlace) {
 TEST_F(Aio, CompletionMayCancelAndRestart) {
     TestRequest other(pipe.readFd, bytes, 1);
     TestRequest request(pipe.readFd, bytes, 1);
-    TestRequest *next = &request;
     request.onDone = [&] {
         AIOCancelRead(&request);
-        EXPECT_EQ(AIORead(next), 0);
+        EXPECT_EQ(AIORead(request.calls == 1 ? &request : &other), 0);
         return 0;
     };
     ASSERT_EQ(AIORead(&request), 0);
     const AIOData *record = findAIODataForRead(&request);
-    pipe.put("xxxx");
+    pipe.put("xxx");
     EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(request.calls, 2);
     EXPECT_EQ(findAIODataForRead(&request), record);
-    next = &other;
     EXPECT_EQ(iosched(0), 1);
     EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(request.calls, 3);
-    EXPECT_EQ(other.calls, 1);
-    EXPECT_EQ(activeRecords(), 0);
-    EXPECT_EQ(freeRecords(), 1);
+    EXPECT_TRUE(request.calls == 2 && other.calls == 1);
+    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
 }
 
 TEST_F(Aio, CompletionMayRunPassesAndIsNotEnteredAgain) {
@@ -215,38 +182,31 @@ TEST_F(Aio, CompletionMayRunPassesAndIsNotEnteredAgain) {
 TEST_F(Aio, ReadAndWriteOnOneDescriptorAtOnce) {
     int ends[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
-    char out[] = "out";
-    TestRequest read(ends[0], bytes, sizeof bytes), write(ends[0], out, 3);
+    TestRequest read(ends[0], bytes, 2), write(ends[0], bytes, 3);
     ASSERT_EQ(AIORead(&read), 0);
     ASSERT_EQ(AIOWrite(&write), 0);
     EXPECT_EQ(iosched(0), 1);
     EXPECT_TRUE(write.calls == 1 && write.transferred == 3 && read.calls == 0);
     ASSERT_EQ(::write(ends[1], "in", 2), 2);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(write.calls == 1 && read.calls == 1 && read.transferred == 2);
-    ASSERT_EQ(AIORead(&read), 0);
     ASSERT_EQ(AIOWrite(&write), 0);
     AIOCancelWrite(&read);  // active, but not in this direction
-    AIOCancelRead(&read);
+    AIOCancelWrite(&write);
     EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(write.calls == 2 && read.calls == 1);
-    ::close(ends[0]);
-    ::close(ends[1]);
+    EXPECT_TRUE(write.calls == 1 && read.calls == 1 && read.transferred == 2);
 }
 
 TEST_F(Aio, StartingAnActiveRequestIsRefused) {
     TestRequest read(pipe.readFd, bytes, 1), write(pipe.writeFd, bytes, 1);
-    ASSERT_EQ(AIORead(&read), 0);
-    ASSERT_EQ(AIOWrite(&write), 0);
-    EXPECT_EQ(AIORead(&read), -1);
-    EXPECT_EQ(errno, EALREADY);
-    errno = 0;
-    EXPECT_EQ(AIOWrite(&write), -1);
-    EXPECT_EQ(errno, EALREADY);
-    EXPECT_EQ(activeRecords(), 2);
+    for (const int expected : {0, -1}) {
+        errno = 0;
+        EXPECT_EQ(AIORead(&read), expected);
+        EXPECT_EQ(errno, expected == 0 ? 0 : EALREADY);
+        errno = 0;
+        EXPECT_EQ(AIOWrite(&write), expected);
+        EXPECT_EQ(errno, expected == 0 ? 0 : EALREADY);
+    }
     EXPECT_TRUE(runUntil([&] { return read.calls == 1; }));
-    EXPECT_EQ(write.calls, 1);
-    EXPECT_EQ(activeRecords(), 0);
+    EXPECT_TRUE(write.calls == 1 && activeRecords() == 0);
 }
 
 TEST_F(Aio, CancellingAnIdleRequestTouchesNothing) {
@@ -260,7 +220,6 @@ TEST_F(Aio, CancellingAnIdleRequestTouchesNothing) {
     EXPECT_EQ(watch.inputs, 1);
     ASSERT_EQ(AIORead(&request), 0);  // takes the input over
     EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(request.calls == 1 && watch.inputs == 1);
     watch.input();
     AIOCancelRead(&request);  // finished
     pipe.put("x");
@@ -284,9 +243,6 @@ TEST_F(Aio, RecordsArePooledAndCountTheirReleases) {
     }
     EXPECT_EQ(allocationCount, allocations);
     EXPECT_EQ(aioQueueHead.next, findAIODataForWrite(&write)) << "in the order of starting";
-    freeAIOData(nullptr);
-    AIOCancelRead(&read);
-    AIOCancelWrite(&write);
 }
 
 TEST_F(Aio, RequestThatCannotStartLeavesNothingBehind) {
@@ -303,11 +259,10 @@ TEST_F(Aio, RequestThatCannotStartLeavesNothingBehind) {
     EXPECT_EQ(AIOWrite(&second), -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(iosched(0), 0) << "nothing registered for the write";
-    AIOCancelRead(&first);
 }
 
 TEST_F(Aio, ActiveRequestsSurviveASecondStart) {
-    TestRequest read(pipe.readFd, bytes, 1), idle(pipe.readFd, bytes, 1);
+    TestRequest read(pipe.readFd, bytes, 1);
     ASSERT_EQ(AIORead(&read), 0);
     ASSERT_EQ(ExitSched(), 0);
     startLibrary();
@@ -315,7 +270,4 @@ TEST_F(Aio, ActiveRequestsSurviveASecondStart) {
     pipe.put("x");
     EXPECT_TRUE(runUntil([&] { return read.calls == 1; }));
     EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
-    ASSERT_EQ(AIORead(&idle), 0);
-    EXPECT_TRUE(activeRecords() == 1 && freeRecords() == 0);
-    AIOCancelRead(&idle);
 }

@@ -18,8 +18,7 @@ struct TestRequest : AIORequest {
         length = count;
         callback = &TestRequest::done;
         userData = this;
-        transferred = -7;
-        error = -7;
+        transferred = error = -7;
     }
     static int done(AIORequest *request) {
         auto *self = static_cast<TestRequest *>(request);
@@ -68,7 +67,6 @@ inline int lengthOf(const ListLink &head) {
 inline int activeRecords() {
     return lengthOf(aioQueueHead);
 }
-
 inline int freeRecords() {
     return lengthOf(aioQueueFree);
 }
