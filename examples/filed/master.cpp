@@ -136,8 +136,11 @@ void cleanLater(pid_t pid) {
 void onErrandDone(Errand what, pid_t pid, ErrandEnd end) {
     if (end == ErrandEnd::Stuck) return explainStuckErrand();
     if (end == ErrandEnd::Failed) {
-        logLine("the errand for worker %d failed", pid);
-        if (what == Errand::Clean) return cleanLater(pid);
+        if (what == Errand::Clean) {
+            logLine("could not remove the records of worker %d", pid);
+            return cleanLater(pid);
+        }
+        logLine("worker %d was not killed: it has ended meanwhile", pid);
     } else if (what == Errand::Clean) {
         share.board->cleanings++;
     }
