@@ -43,16 +43,15 @@ struct PlainPipe {
 
 // Waits for a child through the loop; its status word.
 inline int statusOf(pid_t pid) {
-    struct Wait {
-        int status = 0;
-        bool done = false;
-    } wait;
-    const auto done = [](void *arg, const ChildStatus *status) {
-        *static_cast<Wait *>(arg) = {buildStatus(status), true};
-    };
-    EXPECT_EQ(registerChild(pid, done, &wait), 0);
-    EXPECT_TRUE(runUntil([&] { return wait.done; }));
-    return wait.status;
+    return ReportedChild(pid).await();
+}
+
+// Opens, reads and closes.
+inline std::string readFile(const std::string &path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string text = readAll(fd);
+    ::close(fd);
+    return text;
 }
 
 inline bool hasChildren() {
@@ -63,8 +62,9 @@ inline bool hasChildren() {
 // A hexadecimal mask of /proc/<pid>/status, such as "SigIgn:", in its text.
 inline uint64_t maskIn(const std::string &status, const std::string &name) {
     const size_t at = status.find(name);
-    EXPECT_NE(at, std::string::npos) << name << " in " << status;
-    return at == std::string::npos ? 0 : std::stoull(status.substr(at + name.size()), nullptr, 16);
+    if (at != std::string::npos) return std::stoull(status.substr(at + name.size()), nullptr, 16);
+    ADD_FAILURE() << name << " in " << status;
+    return 0;
 }
 
 inline uint64_t maskOf(int sig) {

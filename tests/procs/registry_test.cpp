@@ -3,7 +3,6 @@
 #include "support/in_child.h"
 #include "support/loop.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <memory>
@@ -36,12 +35,6 @@ struct TestChild {
     ChildStatus status{};
     std::function<void()> onDone;
 };
-
-bool isZombie(pid_t pid) {
-    siginfo_t info{};
-    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           info.si_pid == pid;
-}
 
 // Waits, outside the loop, until the child has ended.
 void awaitZombie(pid_t pid) {
@@ -132,10 +125,9 @@ TEST_F(Children, AreAllReapedInOnePass) {
     for (const auto &child : children)
         awaitZombie(child->pid);
     EXPECT_EQ(iosched(-1), 1);
-    EXPECT_TRUE(std::all_of(children.begin(), children.end(),
-                            [](const auto &child) { return child->reports == 1; }));
-    EXPECT_FALSE(isZombie(stranger));
-    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    for (const auto &child : children)
+        EXPECT_EQ(child->reports, 1);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);  // the stranger is gone too
 }
 
 TEST_F(Children, RegistrationIsReplacedAndRemoved) {
@@ -228,14 +220,10 @@ TEST_F(Forking, CallsHooksOldestFirstInEveryPhase) {
     b.add();
     a.add();  // twice registered, twice called
     const pid_t pid = ioFork();
-    const auto expect = [](int phase, int value) {
-        const std::vector<HookCall> calls = {
-            {'a', phase, value}, {'b', phase, value}, {'a', phase, value}};
-        return calls;
-    };
-    std::vector<HookCall> expected = expect(FORK_PREPARE, -1);
-    const auto second = pid == 0 ? expect(FORK_CHILD, ::getpid()) : expect(FORK_PARENT, pid);
-    expected.insert(expected.end(), second.begin(), second.end());
+    const int phase = pid == 0 ? FORK_CHILD : FORK_PARENT, value = pid == 0 ? ::getpid() : pid;
+    const std::vector<HookCall> expected = {{'a', FORK_PREPARE, -1}, {'b', FORK_PREPARE, -1},
+                                            {'a', FORK_PREPARE, -1}, {'a', phase, value},
+                                            {'b', phase, value},     {'a', phase, value}};
     EXPECT_EQ(hookCalls, expected);
     if (pid == 0) ::_exit(HasFailure() ? 1 : 0);
     EXPECT_EQ(waitForChild(pid), 0);

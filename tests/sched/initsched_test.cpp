@@ -5,8 +5,6 @@
 #include <cstring>
 #include <string>
 
-extern "C" int runProgramFromC(void);
-
 namespace {
 
 std::string messageOf(int major, int minor, int expectedResult) {
@@ -175,10 +173,6 @@ TEST(InitSched, MayBeTakenBackAndRepeatedInACallback) {
     ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
     EXPECT_TRUE(runUntil([&] { return restarts == 1; }));
     EXPECT_EQ(msleep(1), 0);
-}
-
-TEST(Interface, ServesAC11Program) {
-    EXPECT_EQ(runProgramFromC(), 31);
 }
 
 }  // namespace

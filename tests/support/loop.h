@@ -143,23 +143,20 @@ struct Watch {
 
 // A pipe with a watched read end.
 struct TestPipe : Watch {
-    TestPipe() : TestPipe(make()) {}
-    explicit TestPipe(std::pair<int, int> ends) : Watch(ends.first), writeEnd(ends.second) {}
-    ~TestPipe() {
-        closeWriteEnd();
-        (void)registerInput(fd, nullptr, nullptr);
-        (void)registerOutput(fd, nullptr, nullptr);
-        ::close(fd);
-    }
-    static std::pair<int, int> make() {
+    TestPipe() : Watch(-1) {
         int ends[2];
         EXPECT_EQ(::pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
-        return {ends[0], ends[1]};
+        fd = ends[0];
+        writeEnd = ends[1];
+    }
+    ~TestPipe() {
+        closeWriteEnd();
+        ::close(fd);
     }
     void fill() const { ASSERT_EQ(::write(writeEnd, "x", 1), 1); }
     void drain() const {
-        char bytes[512];
-        while (::read(fd, bytes, sizeof bytes) > 0) {
+        char byte;
+        while (::read(fd, &byte, 1) > 0) {
         }
     }
     void closeWriteEnd() {
@@ -167,7 +164,7 @@ struct TestPipe : Watch {
         writeEnd = -1;
     }
 
-    int writeEnd;
+    int writeEnd = -1;
 };
 
 // A timer with a function object. What the library owns of the record starts as garbage.
