@@ -189,8 +189,8 @@ uint64_t LocksHammer::recordsOf(pid_t pid) const {
     EXPECT_EQ(ReleaseSharedMutex(mutex), 0u);
     EXPECT_EQ(bytes.fault, "");
     uint64_t held = 0;
-    for (const EntryBytes &entry : bytes.entries)
-        for (const RecordBytes &record : entry.records)
+    for (const TableFile &entry : bytes.entries)
+        for (const TableRecord &record : entry.records)
             held += record.pid == static_cast<uint32_t>(pid);
     return held;
 }

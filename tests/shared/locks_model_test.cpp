@@ -157,21 +157,22 @@ bool sameAnswer(const TableAnswer &a, const TableAnswer &b) {
            std::equal(std::begin(a.name), std::end(a.name), b.name);
 }
 
-// The model's record as its bytes should be in the table.
-RecordBytes asBytes(const ModelRecord &r) {
+// Whether a record of the table is what the model has at its place.
+bool isRecord(const TableRecord &found, const ModelRecord &r) {
     int64_t end = static_cast<int64_t>(r.stop - 1);
     if (r.isOpen)
         end = -1;
     else if (r.start == 0 && r.stop == 0)
         end = -2;
-    return {r.pid, r.owner, r.handle, static_cast<int64_t>(r.start), end, r.mode};
+    return found.pid == r.pid && found.owner == r.owner && found.handle == r.handle &&
+           found.start == static_cast<int64_t>(r.start) && found.end == end && found.mode == r.mode;
 }
 
 void expectTableHolds(const SharedFileLockTable *table, const LockTableModel &model) {
     const TableBytes bytes = readTableBytes(table, kFiles, kRecords);
     ASSERT_EQ(bytes.fault, "");
     ASSERT_EQ(bytes.entries.size(), model.files().size());
-    for (const EntryBytes &entry : bytes.entries) {
+    for (const TableFile &entry : bytes.entries) {
         const auto file =
             std::find_if(model.files().begin(), model.files().end(), [&](const ModelFile &f) {
                 return f.key.word0 == entry.word0 && f.key.word1 == entry.word1;
@@ -179,10 +180,8 @@ void expectTableHolds(const SharedFileLockTable *table, const LockTableModel &mo
         ASSERT_NE(file, model.files().end());
         EXPECT_EQ(entry.name, file->name);
         EXPECT_EQ(entry.openLimit, file->limit);
-        std::vector<RecordBytes> expected;
-        for (const ModelRecord &record : file->records)
-            expected.push_back(asBytes(record));
-        ASSERT_EQ(entry.records, expected);
+        ASSERT_TRUE(std::equal(entry.records.begin(), entry.records.end(), file->records.begin(),
+                               file->records.end(), isRecord));
     }
 }
 

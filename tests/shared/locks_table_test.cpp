@@ -249,7 +249,7 @@ TEST(LocksTable, CleaningTakesAllThatOneProcessHoldsAndNothingElse) {
     EXPECT_EQ(bytes.fault, "");
     ASSERT_EQ(bytes.entries.size(), 1u);
     EXPECT_EQ(bytes.entries[0].combinedMode, SHARED_FILE_READ);
-    EXPECT_EQ(bytes.entries[0].openCount, 1u);
+    EXPECT_EQ(bytes.entries[0].opens, 1u);
     EXPECT_EQ(bytes.entries[0].records.size(), 2u);
     EXPECT_EQ(SharedFileIsOpen(scratch.table, &sameBucket), 0);
     EXPECT_EQ(CleanSharedFileLockTable(scratch.table, ::getpid()), 0);
