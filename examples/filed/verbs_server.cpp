@@ -68,6 +68,7 @@ void doSystem(Connection &connection, Words &words) {
     waiters++;
     const int status = ZORsystem(command);
     waiters--;
+    (void)unsetenv("FILED_COMMAND");  // no business of the programs that RUN starts
     if (status == -1)
         connection.reply("ERR SYSTEM cannot wait for it: %s", strerror(errno));
     else if (WIFSIGNALED(status))
