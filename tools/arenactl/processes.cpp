@@ -5,11 +5,12 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <map>
 #include <signal.h>
+#include <sstream>
+#include <string>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -83,14 +84,16 @@ struct FlockLine {
     explicit FlockLine(const std::string &line) {
         const size_t begin = line.find("FLOCK");
         if (begin == line.npos) return;
-        char kind[16];
-        long owner = 0;
-        if (std::sscanf(line.c_str() + begin, "FLOCK %*s %15s %ld %x:%x:%" SCNu64, kind, &owner,
-                        &major, &minor, &inode) != 5)
+        std::istringstream words(line.substr(begin));
+        std::string skipped, kind;
+        int64_t owner = 0;
+        char colon = 0;
+        if (!(words >> skipped >> skipped >> kind >> owner >> std::hex >> major >> colon >> minor >>
+              colon >> std::dec >> inode))
             return;
         isFlock = true;
         pid = owner > 0 ? static_cast<uint32_t>(owner) : 0;
-        lock = std::strcmp(kind, "WRITE") == 0 ? "exclusive" : "shared";
+        lock = kind == "WRITE" ? "exclusive" : "shared";
         if (line.find("->") < begin) lock = "waits for " + lock;
     }
 };
@@ -204,8 +207,11 @@ bool Processes::usesArena(uint32_t pid) const {
     if (maps.empty()) return true;
     bool mapped = false;
     eachLine(maps, [&](const std::string &line) {
+        // The fifth word; of a line with fewer of them nothing is compared.
+        std::istringstream words(line);
+        std::string skipped;
         uint64_t inode = 0;
-        if (std::sscanf(line.c_str(), "%*s %*s %*s %*s %" SCNu64, &inode) == 1)
+        if (words >> skipped >> skipped >> skipped >> skipped >> inode)
             mapped = mapped || inode == file_.inode();
     });
     return mapped;
