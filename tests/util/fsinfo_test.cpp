@@ -89,6 +89,34 @@ TEST(GetFSInfo, FiguresAreTheFileSystemsAndFreeBlocksBelowZeroCountAsNone) {
         EXPECT_EQ(infoOf(figures(type)).flags, 0u) << std::hex << type;
 }
 
+// The real thing: what statfs says, in both views.
+void expectFiguresOf(const std::string &place, uint32_t flags) {
+    struct statfs fs {};
+    FSInfo info{}, all{};
+    ASSERT_EQ(::statfs(place.c_str(), &fs), 0);
+    EXPECT_EQ(GetFSInfo(-1, place.c_str(), 0, &info), 0);
+    const FSInfo expected{static_cast<uint64_t>(fs.f_bsize),
+                          fs.f_bavail,
+                          fs.f_blocks,
+                          fs.f_ffree,
+                          fs.f_files,
+                          fs.f_bavail,
+                          fs.f_blocks,
+                          fs.f_ffree,
+                          fs.f_files,
+                          flags};
+    EXPECT_TRUE(info == expected);
+    EXPECT_EQ(GetFSInfo(-1, place.c_str(), FSINFO_ALL_FREE, &all), 0);
+    EXPECT_EQ(all.freeBlocks, fs.f_bfree);
+}
+
+TEST(GetFSInfo, OnlyExt4OfTheTwoIsADiskFileSystem) {
+    runWithOwnMounts([] {
+        expectFiguresOf(newTmpfs("memory", "size=3m,nr_inodes=77"), 0);
+        expectFiguresOf(newExt4("disk", "-m 20"), FSINFO_DISK_FS);
+    });
+}
+
 TEST(GetFSInfo, DescriptorIsQueriedBeforeThePathAndNeedsNone) {
     runWithOwnMounts([] {
         const std::string place = newTmpfs("place"), other = newTmpfs("other", "size=5m");

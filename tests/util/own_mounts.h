@@ -51,6 +51,17 @@ inline std::string newTmpfs(const std::string &name, const char *options = "size
     return place;
 }
 
+// 16 MiB in 4096-byte blocks, on a loop device.
+inline std::string newExt4(const std::string &name, const std::string &options) {
+    const std::string place = newDirectory(name), image = place + ".img";
+    const std::string script = "exec >/dev/null 2>&1; truncate -s 16M " + image +
+                               " && mkfs.ext4 -qF -b 4096 " + options + " " + image +
+                               " && mount -o loop " + image + " " + place;
+    if (inChild([&] { (void)::execl("/bin/sh", "sh", "-c", script.c_str(), nullptr); }) != 0)
+        skipScenario("no such ext4 on a loop device");
+    return place;
+}
+
 inline uint64_t deviceNumber(const std::string &path) {
     struct stat file {};
     EXPECT_EQ(::stat(path.c_str(), &file), 0);

@@ -12,17 +12,6 @@ namespace {
 
 constexpr uid_t kUser = 54321;
 
-// A fresh file system of 16 MiB in 4096-byte blocks that keeps quotas.
-std::string mountExt4WithQuota() {
-    const std::string place = newDirectory("place"), image = place + ".img";
-    const std::string script = "exec >/dev/null 2>&1; truncate -s 16M " + image +
-                               " && mkfs.ext4 -qF -b 4096 -O quota -E quotatype=usrquota " + image +
-                               " && mount -o loop " + image + " " + place;
-    if (inChild([&] { (void)::execl("/bin/sh", "sh", "-c", script.c_str(), nullptr); }) != 0)
-        skipScenario("no ext4 with quotas");
-    return place;
-}
-
 // The device of a mount, by the mount's own place, and not by device numbers.
 std::string deviceAt(const std::string &place) {
     std::string device;
@@ -58,7 +47,8 @@ void expectFigures(const std::string &path, uint32_t flags, uint64_t freeBlocks,
 
 TEST(RealQuota, FiguresAreTheKernelsForTheEffectiveUser) {
     runWithOwnMounts([] {
-        const std::string place = mountExt4WithQuota(), home = place + "/home";
+        const std::string place = newExt4("place", "-O quota -E quotatype=usrquota"),
+                          home = place + "/home";
         const std::string device = deviceAt(place);
         ASSERT_EQ(::mkdir(home.c_str(), 0755), 0);
         ASSERT_EQ(::chown(home.c_str(), kUser, 0), 0);
