@@ -29,9 +29,9 @@ field() { sed -n "s/.* $1 \([0-9]*\).*/\1/p" <<<"$2"; }
 recordsInUse() { "$arenactl" locks "$scratch/arena" | sed -n 's/.*, \([0-9]*\) of [0-9]* records in use.*/\1/p'; }
 
 bold "a server with four workers"
-mkdir "$scratch/root"
-echo 'This file is served.' >"$scratch/root/notes.txt"
-"$filed" -R -w 4 -p 0 -g 1 -r "$scratch/root" -a "$scratch/arena" -P "$scratch/pid" \
+mkdir "$scratch/served"
+echo 'This file is served.' >"$scratch/served/notes.txt"
+"$filed" -R -w 4 -p 0 -g 1 -r "$scratch/served" -a "$scratch/arena" -P "$scratch/pid" \
     -l "$scratch/log" >"$scratch/out" &
 server=$!
 for _ in $(seq 100); do
