@@ -54,8 +54,10 @@ TEST_F(System, StopOfTheCommandEndsTheWait) {
 TEST_F(System, InterruptHandlersComeBackAsTheyWere) {
     for (const SchedSignalFunc handler : {SIG_DFL, SIG_IGN, SchedSignalFunc{countInterrupt}}) {
         ASSERT_NE(catchSignal(SIGINT, handler), SIG_ERR);
+        ASSERT_NE(catchSignal(SIGQUIT, handler), SIG_ERR);
         EXPECT_EQ(ZORsystem("true"), 0);
         EXPECT_EQ(catchSignal(SIGINT, SIG_DFL), handler);
+        EXPECT_EQ(catchSignal(SIGQUIT, SIG_DFL), handler);
     }
     // A handler that the library does not know stays what it is: a signal handler.
     struct sigaction own = {};
