@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 struct ChildRecord : ListLink {
-    int32_t pid;  // at most one record per pid across both lists
+    int32_t pid;  // at most one record per pid in each list
     ChildDoneFunc callback;
     void *argument;
     ChildStatus status;  // filled in when the child is reaped
@@ -103,10 +103,10 @@ ChildRecord *reserveChild(void) {
 }
 
 void commitChild(ChildRecord *reserved, int pid, ChildDoneFunc callback, void *arg) {
-    if (changeRegistration(pid, callback, arg))
-        std::free(reserved);
-    else
-        listChild(reserved, pid, callback, arg);
+    // A record of a reaped child belongs to an earlier process with the same number, whose status
+    // and callback are not this one's.
+    if (ChildRecord *stale = findChild(&pidHead, pid)) freeRecord(stale);
+    listChild(reserved, pid, callback, arg);
 }
 
 void dropReservation(ChildRecord *reserved) {

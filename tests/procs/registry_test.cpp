@@ -174,6 +174,26 @@ TEST_F(Children, ReapedOnesMayBeReplacedAndDroppedByACallback) {
     EXPECT_EQ(callRegisteredChildFuncs(), 0U);
 }
 
+// Process ids are used again, maybe before the callback of the former process has run.
+TEST_F(Children, ACommittedChildIsNotTakenForAReapedOneWithItsNumber) {
+    constexpr int kPid = 4711;
+    const auto keepCode = [](void *arg, const ChildStatus *status) {
+        *static_cast<int *>(arg) = status->exitCode;
+    };
+    int former = -1, present = -1;
+    ChildStatus status{};
+    EXPECT_EQ(registerChild(kPid, keepCode, &former), 0);
+    status.exitCode = 1;
+    schedChildDied(kPid, &status);
+    commitChild(reserveChild(), kPid, keepCode, &present);
+    EXPECT_EQ(callRegisteredChildFuncs(), 1u);
+    status.exitCode = 2;
+    schedChildDied(kPid, &status);
+    EXPECT_EQ(callRegisteredChildFuncs(), 1u);
+    EXPECT_EQ(former, 1);
+    EXPECT_EQ(present, 2);
+}
+
 TEST_F(Children, CallbackMayStartRegisterAndAwaitOthers) {
     TestChild outer([] {}), sibling([] {});
     awaitZombie(outer.pid);
