@@ -1,5 +1,5 @@
 # What `cmake --install` lays down: headers, both libraries, iosched.pc, the CMake package, arenactl
-# and the man pages. Three components, packaged one by one: "runtime", "development" and "tools".
+# and the man pages. Three components: "runtime", "development" and "tools".
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/iosched)
@@ -13,11 +13,16 @@ install(TARGETS iosched_static EXPORT iosched-targets
 install(DIRECTORY include/iosched DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     COMPONENT development FILES_MATCHING PATTERN "*.h")
 
-# Relative to the place of the .pc file, so that the tree may be moved as a whole.
-file(RELATIVE_PATH IOSCHED_PC_PREFIX
-    /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-string(REGEX REPLACE "/$" "" IOSCHED_PC_PREFIX "${IOSCHED_PC_PREFIX}")
-configure_file(cmake/iosched.pc.in iosched.pc @ONLY)
+# Written at install time, when the prefix is known: plain paths, which pkg-config leaves out of its
+# answer where the compiler looks anyway. A tree that is moved later is found by --define-prefix.
+install(CODE "
+    set(prefix \"\${CMAKE_INSTALL_PREFIX}\")
+    set(libdir \"${CMAKE_INSTALL_LIBDIR}\")
+    set(includedir \"${CMAKE_INSTALL_INCLUDEDIR}\")
+    set(version \"${PROJECT_VERSION}\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/cmake/iosched.pc.in\"
+        \"${PROJECT_BINARY_DIR}/iosched.pc\" @ONLY)"
+    COMPONENT development)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/iosched.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
@@ -47,31 +52,28 @@ foreach(section 1 3 7 8)
         COMPONENT ${component})
 endforeach()
 
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_VENDOR "the iosched authors")
-set(CPACK_PACKAGE_CONTACT "the iosched authors <iosched@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "event loop and shared memory for single-threaded servers")
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
-if(TARGET arenactl)
-    list(APPEND CPACK_COMPONENTS_ALL tools)
+file(GLOB example_programs CONFIGURE_DEPENDS examples/*.c)
+install(FILES ${example_programs} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+
+# A page for every exported function, out of the headers' comments; without Python there are none.
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_Interpreter_FOUND)
+    file(GLOB_RECURSE page_sources CONFIGURE_DEPENDS include/iosched/*.h examples/*.c)
+    set(function_pages ${PROJECT_BINARY_DIR}/man3iosched)
+    add_custom_command(OUTPUT ${function_pages}.made
+        COMMAND ${CMAKE_COMMAND} -E rm -rf ${function_pages}
+        COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/docs/man/make_pages.py
+            ${PROJECT_SOURCE_DIR} ${function_pages}
+        COMMAND ${CMAKE_COMMAND} -E touch ${function_pages}.made
+        DEPENDS docs/man/make_pages.py src/exports.list debian/changelog ${page_sources}
+        COMMENT "Manual pages from the headers" VERBATIM)
+    add_custom_target(function_pages ALL DEPENDS ${function_pages}.made)
+    install(DIRECTORY ${function_pages}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+        COMPONENT development)
 endif()
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libiosched${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libiosched-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "libiosched${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libc6-dev")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME iosched-tools)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-install(FILES LICENSE DESTINATION share/doc/libiosched${PROJECT_VERSION_MAJOR}
-    COMPONENT runtime RENAME copyright)
-install(FILES LICENSE DESTINATION share/doc/libiosched-dev COMPONENT development RENAME copyright)
-install(FILES LICENSE DESTINATION share/doc/iosched-tools COMPONENT tools RENAME copyright)
-include(CPack)
+
+# What the last `cmake --install` of this build tree laid down, by its manifest.
+add_custom_target(uninstall
+    COMMAND ${CMAKE_COMMAND} -D MANIFEST=${PROJECT_BINARY_DIR}/install_manifest.txt
+        -P ${PROJECT_SOURCE_DIR}/cmake/uninstall.cmake
+    VERBATIM)

@@ -175,8 +175,9 @@ void Connection::reply(const char *format, ...) {
     if (strncmp(text, "ERR", 3) == 0) worker::counters->refusals++;
     append(text);
     append("\n");
-    // The job may be the caller: it goes when the next command starts. That is up to serveLines(), on
-    // the stack now or called by the output callback, which append() has asked for.
+    // A job ends its command by calling this function, so it must outlive the call: it is destroyed
+    // when the next command starts. The next command is started by serveLines(), which either is on
+    // the stack now or is called by the output callback, which append() has asked for.
     busy_ = false;
     turnWanted_ = false;
 }

@@ -4,8 +4,9 @@
 // whoever calls code that may run passes of the loop holds another, so that the record outlives the
 // connection's end as long as somebody is going to look at it. After such a call: closed()?
 //
-// One command is under way at a time. It ends with reply(), at once or much later; meanwhile further
-// lines wait in the input buffer. A command that goes on after its function has returned is a Job.
+// One command is under way at a time. It ends with reply(), at once or much later; meanwhile
+// further lines wait in the input buffer. A command that goes on after its function has returned is
+// a Job.
 #pragma once
 
 #include "files.h"
@@ -18,8 +19,12 @@
 
 class Connection;
 
-// The rest of a command that cannot be done at once. Owned by its connection and destroyed when the
-// command has ended or the connection is closed, whichever is first.
+// The rest of a command that cannot be done at once. Owned by its connection, which alone destroys
+// it: when the connection closes, or when the next command starts. A job never sees its own end
+// inside a call that it makes: reply(), data(), info(), wantTurn() only fill buffers and set flags,
+// and whatever can close the connection (settle(), flush()) runs after the job's callback has
+// returned. Its destructor takes back all that can still call it: timers, registered children, AIO
+// requests.
 class Job {
 public:
     virtual ~Job() = default;

@@ -1,6 +1,6 @@
 #include "files.h"
 #include "paths.h"
-#include "share.h"
+#include "prefork/share.h"
 #include "worker.h"
 
 #include <cerrno>
@@ -71,24 +71,4 @@ int FileSet::close(uint32_t handle) {
 void FileSet::closeAll() {
     while (!files_.empty())
         (void)close(files_.begin()->first);
-}
-
-int FileSet::lock(uint32_t handle, int64_t offset, int64_t length, uint32_t flags) {
-    return LockSharedFileRange(share.table, owner_, handle, &find(handle)->key, offset, length,
-                               flags);
-}
-
-int FileSet::unlock(uint32_t handle, int64_t offset, int64_t length) {
-    return UnlockSharedFileRange(share.table, owner_, handle, &find(handle)->key, offset, length);
-}
-
-int FileSet::test(uint32_t handle, int64_t offset, int64_t *length, uint32_t flags) {
-    return TestSharedFileRange(share.table, owner_, handle, &find(handle)->key, offset, length,
-                               flags);
-}
-
-int FileSet::setMode(uint32_t handle, uint32_t mode) {
-    const int code = SetSharedFileMode(share.table, owner_, handle, &find(handle)->key, mode);
-    if (code == 0) find(handle)->mode = mode;
-    return code;
 }

@@ -38,12 +38,6 @@ public:
     int close(uint32_t handle);
     void closeAll();
 
-    // The lock table's operations on a handle of this set.
-    int lock(uint32_t handle, int64_t offset, int64_t length, uint32_t flags);
-    int unlock(uint32_t handle, int64_t offset, int64_t length);
-    int test(uint32_t handle, int64_t offset, int64_t *length, uint32_t flags);
-    int setMode(uint32_t handle, uint32_t mode);
-
 private:
     const uint32_t owner_;
     uint32_t lastHandle_ = 0;

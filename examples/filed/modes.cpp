@@ -1,25 +1,14 @@
 #include "modes.h"
 
+#include "arenactl/mode_words.h"
+
 #include <charconv>
 #include <iosched/shared.h>
 
 namespace {
 
-constexpr struct {
-    uint32_t bit;
-    std::string_view word;
-} kModeWords[] = {
-    {SHARED_FILE_READ, "read"},
-    {SHARED_FILE_WRITE, "write"},
-    {SHARED_FILE_DELETE, "delete"},
-    {SHARED_FILE_DENY_READ, "deny-read"},
-    {SHARED_FILE_DENY_WRITE, "deny-write"},
-    {SHARED_FILE_DENY_DELETE, "deny-delete"},
-    {SHARED_FILE_OPLOCK_EXCLUSIVE, "oplock-exclusive"},
-    {SHARED_FILE_OPLOCK_SHARED, "oplock-shared"},
-    {SHARED_FILE_OPLOCK_BATCH, "oplock-batch"},
-    {SHARED_FILE_IGNORE_OPLOCKS, "ignore-oplocks"},
-};
+// Every client's opens have an owner of their own here, so the words about owners mean nothing.
+constexpr uint32_t kOwnerBits = SHARED_FILE_OWNER_COMPAT | SHARED_FILE_OWNER_OVERRIDE;
 
 constexpr struct {
     int code;
@@ -41,7 +30,7 @@ bool parseMaxOpens(std::string_view word, uint32_t *maxOpens) {
 
 bool parseWord(std::string_view word, ModeWords *words) {
     for (const auto &known : kModeWords) {
-        if (word != known.word) continue;
+        if (word != known.word || (known.bit & kOwnerBits)) continue;
         words->mode |= known.bit;
         return true;
     }

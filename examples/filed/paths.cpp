@@ -18,9 +18,8 @@ int closeKeepingErrno(int fd) {
     return -1;
 }
 
-}  // namespace
-
-int openBeneathByWalking(int rootFd, const char *path, int flags, mode_t mode) {
+// What stands in on a kernel without openat2().
+int openByWalking(int rootFd, const char *path, int flags, mode_t mode) {
     std::string rest = path;
     if (rest.starts_with('/')) {
         errno = EXDEV;
@@ -49,6 +48,8 @@ int openBeneathByWalking(int rootFd, const char *path, int flags, mode_t mode) {
     return -1;
 }
 
+}  // namespace
+
 int openBeneath(int rootFd, const char *path, int flags, mode_t mode) {
     open_how how{};
     how.flags = static_cast<__u64>(flags | O_CLOEXEC);
@@ -57,7 +58,7 @@ int openBeneath(int rootFd, const char *path, int flags, mode_t mode) {
     for (int attempt = 0; attempt < kAttempts; attempt++) {
         const long fd = syscall(SYS_openat2, rootFd, path, &how, sizeof how);
         if (fd >= 0) return static_cast<int>(fd);
-        if (errno == ENOSYS) return openBeneathByWalking(rootFd, path, flags, mode);
+        if (errno == ENOSYS) return openByWalking(rootFd, path, flags, mode);
         if (errno != EAGAIN) return -1;  // EAGAIN: a rename raced with ".." in the path
     }
     return -1;

@@ -4,9 +4,7 @@
 #include <sys/types.h>
 
 // Opens path relative to rootFd. Absolute paths, "..", and symbolic links that lead out of the root
-// are refused, also when somebody changes the tree meanwhile. Returns a close-on-exec descriptor, or
-// -1 with errno: EXDEV or ELOOP for a path that would leave the root.
+// are refused, also when somebody changes the tree meanwhile. Returns a close-on-exec descriptor,
+// or -1 with errno: EXDEV or ELOOP for a path that would leave the root. On a kernel without
+// openat2() no symbolic link is followed at all.
 int openBeneath(int rootFd, const char *path, int flags, mode_t mode);
-
-// What openBeneath() does on a kernel without openat2(): follows no symbolic link at all.
-int openBeneathByWalking(int rootFd, const char *path, int flags, mode_t mode);

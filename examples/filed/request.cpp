@@ -31,6 +31,7 @@ constexpr struct {
     {"DF", doDf, "DF                           room on the file system"},
     {"RUN", doRun, "RUN command line             streams its output, if the server allows it"},
     {"SLEEP", doSleep, "SLEEP ms"},
+    {"NAP", doNap, "NAP ms                       a sleep inside the server's loop"},
     {"SYSTEM", doSystem, "SYSTEM command line          waits for its end, if the server allows it"},
     {"STATS", doStats, "STATS"},
     {"HELP", doHelp, "HELP"},

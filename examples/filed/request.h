@@ -24,8 +24,9 @@ void doHolders(Connection &connection, Words &words);
 // verbs_server.cpp
 void doDf(Connection &connection, Words &words);
 void doSleep(Connection &connection, Words &words);
-void doSystem(Connection &connection, Words &words);
+void doNap(Connection &connection, Words &words);
 void doStats(Connection &connection, Words &words);
 
-// run.cpp
+// programs.cpp
 void doRun(Connection &connection, Words &words);
+void doSystem(Connection &connection, Words &words);

@@ -1,7 +1,7 @@
 // The verbs that work on files: each asks the lock table before it does anything.
 
+#include "prefork/share.h"
 #include "request.h"
-#include "share.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -83,8 +83,8 @@ public:
             connection_.files().find(handle_);  // one command at a time: still open
         int64_t allowed = pieceLength();
         const int64_t wanted = allowed;
-        const int code =
-            connection_.files().test(handle_, offset_, &allowed, SHARED_FILE_TEST_READ);
+        const int code = TestSharedFileRange(share.table, connection_.id(), handle_, &file->key,
+                                             offset_, &allowed, SHARED_FILE_TEST_READ);
         if (code != 0) return replyCode(connection_, code, "the lock table fails");
         if (wanted > 0 && allowed == 0) return stopAtLock();
         buffer_.resize(static_cast<size_t>(allowed));
@@ -160,7 +160,7 @@ void doClose(Connection &connection, Words &words) {
 
 void doMode(Connection &connection, Words &words) {
     uint32_t handle = 0;
-    const OpenFile *file = takeHandle(connection, words, &handle);
+    OpenFile *file = takeHandle(connection, words, &handle);
     if (!file) return;
     ModeWords mode;
     constexpr uint32_t kSettable = SHARED_FILE_DENY_READ | SHARED_FILE_DENY_WRITE |
@@ -169,7 +169,9 @@ void doMode(Connection &connection, Words &words) {
         return connection.reply(
             "ERR SYNTAX MODE handle words, deny and oplock words only, or none");
     // The access stays what the file was opened with.
-    const int code = connection.files().setMode(handle, (file->mode & kAccess) | mode.mode);
+    const uint32_t settled = (file->mode & kAccess) | mode.mode;
+    const int code = SetSharedFileMode(share.table, connection.id(), handle, &file->key, settled);
+    if (code == 0) file->mode = settled;
     replyCode(connection, code, "you hold no oplock on it that you could keep or change");
 }
 
@@ -198,7 +200,8 @@ void doWrite(Connection &connection, Words &words) {
     const auto wanted = static_cast<int64_t>(bytes.size());
     int64_t allowed = wanted;
     if (offset > INT64_MAX - wanted) return connection.reply("ERR RANGE beyond the largest file");
-    const int code = connection.files().test(handle, offset, &allowed, SHARED_FILE_TEST_WRITE);
+    const int code = TestSharedFileRange(share.table, connection.id(), handle, &file->key, offset,
+                                         &allowed, SHARED_FILE_TEST_WRITE);
     if (code != 0) return replyCode(connection, code, "the lock table fails");
     if (allowed < wanted)
         return connection.reply("ERR LOCKED byte %" PRId64 " is locked", offset + allowed);
@@ -211,37 +214,42 @@ void doWrite(Connection &connection, Words &words) {
 void doLock(Connection &connection, Words &words) {
     uint32_t handle = 0;
     int64_t offset = 0, length = 0;
-    if (!takeHandle(connection, words, &handle)) return;
+    const OpenFile *file = takeHandle(connection, words, &handle);
+    if (!file) return;
     const std::string_view kind = words.next();
     if (kind != "shared" && kind != "exclusive")
         return connection.reply("ERR SYNTAX LOCK handle shared|exclusive offset length");
     if (!takeRange(connection, words, &offset, &length)) return;
     const uint32_t flags = kind == "shared" ? SHARED_FILE_LOCK_SHARED : SHARED_FILE_LOCK_EXCLUSIVE;
-    replyCode(connection, connection.files().lock(handle, offset, length, flags),
-              "the range is not free");
+    const int code = LockSharedFileRange(share.table, connection.id(), handle, &file->key, offset,
+                                         length, flags);
+    replyCode(connection, code, "the range is not free");
 }
 
 void doUnlock(Connection &connection, Words &words) {
     uint32_t handle = 0;
     int64_t offset = 0, length = 0;
-    if (!takeHandle(connection, words, &handle)) return;
+    const OpenFile *file = takeHandle(connection, words, &handle);
+    if (!file) return;
     if (!takeRange(connection, words, &offset, &length)) return;
-    replyCode(connection, connection.files().unlock(handle, offset, length),
-              "you hold no lock of exactly this range");
+    const int code =
+        UnlockSharedFileRange(share.table, connection.id(), handle, &file->key, offset, length);
+    replyCode(connection, code, "you hold no lock of exactly this range");
 }
 
 void doTest(Connection &connection, Words &words) {
     uint32_t handle = 0;
     int64_t offset = 0, length = 0;
-    if (!takeHandle(connection, words, &handle)) return;
+    const OpenFile *file = takeHandle(connection, words, &handle);
+    if (!file) return;
     const std::string_view access = words.next();
     if (access != "read" && access != "write")
         return connection.reply("ERR SYNTAX TEST handle read|write offset length");
     if (!takeRange(connection, words, &offset, &length)) return;
     int64_t allowed = length;
-    const int code =
-        connection.files().test(handle, offset, &allowed,
-                                access == "read" ? SHARED_FILE_TEST_READ : SHARED_FILE_TEST_WRITE);
+    const uint32_t flags = access == "read" ? SHARED_FILE_TEST_READ : SHARED_FILE_TEST_WRITE;
+    const int code = TestSharedFileRange(share.table, connection.id(), handle, &file->key, offset,
+                                         &allowed, flags);
     if (code != 0) return replyCode(connection, code, "the lock table fails");
     if (allowed == length)
         connection.reply("OK free");

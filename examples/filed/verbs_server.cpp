@@ -1,16 +1,13 @@
 // The verbs that have to do with the server rather than with a file.
 
+#include "prefork/share.h"
 #include "request.h"
-#include "share.h"
 
 #include <cerrno>
 #include <cinttypes>
-#include <cstdlib>
 #include <cstring>
-#include <iosched/procs.h>
 #include <iosched/util.h>
 #include <string>
-#include <sys/wait.h>
 
 void doDf(Connection &connection, Words &) {
     FSInfo fs;
@@ -27,17 +24,37 @@ void doDf(Connection &connection, Words &) {
                                                       static_cast<double>(total)));
 }
 
-// SLEEP and SYSTEM wait right here, in a callback, while the loop goes on: other connections are
-// served, and this one may be closed meanwhile. Whoever called us keeps the record alive, and
-// reply() on a closed connection does nothing. The waits nest, hence the limits: an outer one ends
-// after the inner ones.
+// ---- waiting ----
+
 namespace {
 
-int waiters;
+constexpr unsigned kMaxSleepMs = 10'000;
+constexpr int kMaxNaps = 32;  // of each worker at a time: they nest on the stack
 
-bool mayWait(Connection &connection) {
-    if (waiters < kMaxSleepers) return true;
-    connection.reply("ERR LIMIT %d others are waiting already", waiters);
+// Answers when its timer is due, whatever else the worker does meanwhile.
+class SleepJob : public Job {
+public:
+    SleepJob(Connection &connection, unsigned ms) : connection_(connection), ms_(ms) {
+        timer_.func = [](SchedTimer *timer) {
+            const auto *job = static_cast<SleepJob *>(timer->arg);
+            job->connection_.reply("OK slept %u ms", job->ms_);
+        };
+        timer_.arg = this;
+        timer_.interval = ms;
+        startTimer(&timer_);
+    }
+    ~SleepJob() override { (void)stopTimer(&timer_); }
+    void turn() override {}
+
+private:
+    Connection &connection_;  // owns this job
+    const unsigned ms_;
+    SchedTimer timer_{};
+};
+
+bool takeMs(Connection &connection, Words &words, unsigned *ms) {
+    if (words.number(ms) && *ms <= kMaxSleepMs) return true;
+    connection.reply("ERR SYNTAX give milliseconds, at most %u", kMaxSleepMs);
     return false;
 }
 
@@ -45,36 +62,22 @@ bool mayWait(Connection &connection) {
 
 void doSleep(Connection &connection, Words &words) {
     unsigned ms = 0;
-    if (!words.number(&ms) || ms > kMaxSleepMs)
-        return connection.reply("ERR SYNTAX SLEEP ms, at most %d", static_cast<int>(kMaxSleepMs));
-    if (!mayWait(connection)) return;
-    waiters++;
-    (void)msleep(ms);
-    waiters--;
-    connection.reply("OK slept %u ms", ms);
+    if (takeMs(connection, words, &ms))
+        connection.start(std::make_unique<SleepJob>(connection, ms));
 }
 
-// The command goes through the environment, where nothing in it can end the quoting.
-void doSystem(Connection &connection, Words &words) {
-    if (!settings.allowRun) return connection.reply("ERR OFF this server was started without -R");
-    if (words.empty()) return connection.reply("ERR SYNTAX SYSTEM command line");
-    if (!mayWait(connection)) return;
-    char command[128];
-    (void)snprintf(command, sizeof command,
-                   "exec timeout -k 1 %d sh -c \"$FILED_COMMAND\" </dev/null >/dev/null 2>&1",
-                   static_cast<int>(kMaxSleepMs / 1000));
-    if (setenv("FILED_COMMAND", std::string(words.rest()).c_str(), 1) != 0)
-        return connection.reply("ERR SYSTEM cannot start it: %s", strerror(errno));
-    waiters++;
-    const int status = ZORsystem(command);
-    waiters--;
-    (void)unsetenv("FILED_COMMAND");  // no business of the programs that RUN starts
-    if (status == -1)
-        connection.reply("ERR SYSTEM cannot wait for it: %s", strerror(errno));
-    else if (WIFSIGNALED(status))
-        connection.reply("OK signal %d", WTERMSIG(status));
-    else
-        connection.reply("OK exit %d", WEXITSTATUS(status));
+// What a wait inside a callback is like: the loop goes on below it and others are served, but it
+// ends only after the waits that began below it. This connection may be closed meanwhile; whoever
+// called us keeps the record alive, and reply() on a closed connection does nothing.
+void doNap(Connection &connection, Words &words) {
+    static int naps;
+    unsigned ms = 0;
+    if (!takeMs(connection, words, &ms)) return;
+    if (naps >= kMaxNaps) return connection.reply("ERR LIMIT %d others are napping already", naps);
+    naps++;
+    (void)msleep(ms);
+    naps--;
+    connection.reply("OK napped %u ms", ms);
 }
 
 void doStats(Connection &connection, Words &) {
@@ -92,7 +95,8 @@ void doStats(Connection &connection, Words &) {
                         slot.leaving ? " leaving" : "");
     }
     connection.reply("OK workers %d accepted %" PRIu64 " requests %" PRIu64 " refused %" PRIu64
-                     " killed %" PRIu64 " replaced %" PRIu64 " cleaned %" PRIu64,
+                     " killed %" PRIu64 " replaced %" PRIu64 " cleaned %" PRIu64
+                     " repaired %" PRIu64,
                      workers, accepted, requests, refusals, board.killed.load(),
-                     board.replaced.load(), board.cleanings.load());
+                     board.replaced.load(), board.cleanings.load(), board.repairs.load());
 }

@@ -25,7 +25,8 @@ public:
     // The same, less exactly one blank: for text that may begin with blanks.
     std::string_view text() const { return gap_.empty() ? gap_ : gap_.substr(1); }
 
-    // The next word as a decimal number. Returns false, and takes nothing, if it is none or too big.
+    // The next word as a decimal number. Returns false, and takes nothing, if it is none or too
+    // big.
     template <class Number>
     bool number(Number *value) {
         const std::string_view word = rest_.substr(0, rest_.find_first_of(" \t"));

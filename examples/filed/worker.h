@@ -1,20 +1,18 @@
 #pragma once
 
-#include "share.h"
+#include "prefork/life.h"
 
-// The life of a worker process: accepts on the listening socket and serves its connections, counting
-// in its slot of the board, until SIGTERM (ends at once, politely) or SIGUSR1 (lets its connections
-// finish, for at most settings.drainMs). Called in the child right after ioFork(); master is the pid
-// of the process that forked it, taken before.
-[[noreturn]] void runWorker(pid_t master, int listenFd, int rootFd, BoardSlot *slot);
+// What a worker of this server does for the service (prefork/service.h).
+void beginAccepting();
+void stopAccepting();
+void sayGoodbye();
 
 namespace worker {
 
-extern BoardSlot *counters;  // this process's slot
-extern int rootFd;           // the directory that is served
-extern bool leaving;  // no new connections; the ones that are left are told so when they idle
+extern int listenSocket;  // set by main(), like the next
+extern int rootFd;        // the directory that is served
 
-// A connection has ended: the worker may have room again, or may have been waiting for this one.
+// A connection has ended: the worker may have been waiting for this one.
 void connectionEnded();
 
 }  // namespace worker

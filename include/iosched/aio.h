@@ -58,14 +58,15 @@ struct AIORequest {
  * set to -1. */
 int AIOPipe(int *readFd, int *writeFd, int flags);
 
-/* Start a request. Return 0 when it is active. -1 with nothing changed and errno EALREADY when it is
- * active in this direction already, EINVAL for a descriptor that registerInput() would refuse, or
- * ENOMEM. */
+/* Start a request. It is active as long as it has its descriptor's place; one that has lost it, to
+ * registerInput() or another request, may be started again. Return 0 when it is active. -1 with nothing
+ * changed and errno EALREADY when it is active in this direction already, EINVAL for a descriptor that
+ * registerInput() would refuse, or ENOMEM. */
 int AIORead(AIORequest *request);
 int AIOWrite(AIORequest *request);
 
 /* End an active request without calling its completion function. Do nothing when it is not active
- * in this direction. */
+ * in this direction: who has taken its place keeps it. */
 void AIOCancelRead(AIORequest *request);
 void AIOCancelWrite(AIORequest *request);
 

@@ -37,12 +37,15 @@ typedef void (*ChildDoneFunc)(void *arg, const ChildStatus *status);
  *   pid       the child.
  *   callback  called once, from the loop; NULL removes the registration, and a status that has been
  *             collected for it is dropped. A stop ends the registration too: register the child
- *             again in the callback to hear more of it. May call any library function.
+ *             again in the callback, before that returns, to hear the rest, even of a child that
+ *             has gone on and ended meanwhile. May call any library function.
  *   arg       handed back untouched; stays the caller's.
  *
  * A second call for the same child replaces callback and argument, also between its end and its
- * callback, which then gets the stored status. Usable before InitSched(). Returns 0; -1 with errno
- * ESRCH when there is nothing to remove, or ENOMEM, and nothing changed. */
+ * callback, which then gets the stored status. The commands of ZORsystem() and ZORpopen() are not
+ * touched: the library has registrations of its own for them. Usable before InitSched(), also for a
+ * child that ends before it, unless SIGCHLD is ignored then. Returns 0; -1 with errno ESRCH when
+ * there is nothing to remove, or ENOMEM, and nothing changed. */
 int registerChild(int pid, ChildDoneFunc callback, void *arg);
 
 /* Returns the status word that wait() would have given: WIFEXITED() and its like apply. */
@@ -55,21 +58,24 @@ int buildStatus(const ChildStatus *status);
 #define FORK_CHILD 2   /* in the child, once the library works there; value is its process id */
 #define FORK_FAILED 3  /* in the parent; value is fork's errno */
 
-/* Called by ioFork() in each phase with the registered argument. */
+/* Called by ioFork() in each phase with the registered argument. A hook that runs passes in
+ * FORK_PARENT may reap the new child before ioFork() has returned its process id, so that it is
+ * too late to register it: let it register the child itself. */
 typedef void (*ForkHookFunc)(void *arg, int phase, int value);
 
 /* Appends a hook (registerFork), or removes the oldest one with this function and argument
  * (unRegisterFork). Hooks run oldest first in all phases. A hook may register and remove hooks, its
- * own included: a removed one is not called any more, a new one is called in the same walk. The same
- * pair registered twice is called twice. Usable before InitSched().
+ * own included: a removed one is not called any more, a new one is called in the same walk. The
+ * same pair registered twice is called twice. Usable before InitSched().
  *
  * registerFork returns 0, or -1 with errno ENOMEM, or EINVAL for a null function. unRegisterFork
  * returns 0, or -1 with errno ESRCH. */
 int registerFork(ForkHookFunc function, void *arg);
 int unRegisterFork(ForkHookFunc function, void *arg);
 
-/* Forks with the hooks run around it. The child has a loop of its own: no registered children, a new
- * signal pipe, and the parent's descriptors, signals, timers and queued calls as they were. May be
+/* Forks with the hooks run around it. The child has a loop of its own: no registered children, a
+ * new signal pipe, and the parent's descriptors, signals, timers and queued calls as they were. A
+ * signal that the parent had received and not yet dispatched runs its callback in both. May be
  * called in any callback; parent and child both return into it.
  *
  * Returns the child's process id in the parent, 0 in the child, -1 with fork's errno. */
@@ -112,10 +118,10 @@ typedef struct SpawnOptions {
     const uint32_t *groups;   /* group ids */
 } SpawnOptions;
 
-/* Starts a program and returns at once. The child redirects its descriptors, then changes directory,
- * group, supplementary groups, user, session, process group and environment, in that order, and
- * executes the command. All other descriptors that are not close-on-exec reach the program, as do
- * ignored signals; caught ones are at their default there, and none is blocked.
+/* Starts a program and returns at once. The child redirects its descriptors, then changes
+ * directory, group, supplementary groups, user, session, process group and environment, in that
+ * order, and executes the command. All other descriptors that are not close-on-exec reach the
+ * program, as do ignored signals; caught ones are at their default there, and none is blocked.
  *
  *   options  NULL stands for no bits set.
  *   command  with SPAWN_ARGV or SPAWN_EXT_NOPATH a program; else a program too, unless it contains
@@ -124,31 +130,35 @@ typedef struct SpawnOptions {
  *            argument is its own name.
  *
  * Returns the child's process id; -1 with fork's errno, or with EINVAL for a null command, and
- * nothing started. A child that cannot make one of its changes (redirections and environment are not
- * checked) or cannot execute the program ends with exit status 127. Runs no fork hooks. Register the
- * child before the next pass of the loop, and start none while enableSignals() lets SIGCHLD in, which
- * may collect it before that. */
+ * nothing started. A child that cannot make one of its changes (redirections and environment are
+ * not checked) or cannot execute the program ends with exit status 127. Runs no fork hooks.
+ * Register the child before the next pass of the loop, and start none while enableSignals() lets
+ * SIGCHLD in, which may collect it before that. */
 pid_t spawnProcess(const SpawnOptions *options, const char *command);
 
 /* ---- shell commands and pipes ---- */
 
 /* These stand in for system(), popen() and pclose() in a process that runs the loop, and need
  * InitSched(). Their waits run passes, so every callback goes on being served, and nest; they last
- * until the command ends, or stops: it counts as ended then. Like a pass, they end the effect of
- * enableSignals(). */
+ * until the command ends, or stops: it counts as ended then. Like a pass, a wait lets all signals
+ * in and leaves the loop's mask behind, which ends the effect of enableSignals(). What returns
+ * without a wait (ZORpopen(), and ZORsystem() when nothing was started) leaves the signal mask as
+ * it was, and lets nothing in that was blocked. */
 
-/* Runs a command, as spawnProcess(NULL, command) starts it, and waits for it. SIGINT and SIGQUIT are
- * ignored meanwhile, and come back as they were; the command has them as they were before.
+/* Runs a command, as spawnProcess(NULL, command) starts it, and waits for it. SIGINT and SIGQUIT
+ * are ignored meanwhile, and come back as they were; the command has them as they were before.
  *
  * Returns the command's status word, to which WIFEXITED() and its like apply: 0x7f00 when it could
  * not be executed. -1 when it could not be started, with fork's errno, ENOMEM, or EINVAL for a null
- * command. A process that a callback forks off during the wait gets -1 with errno ECHILD. */
+ * command. A process that a callback forks off during the wait, in whatever way, gets -1 with errno
+ * ECHILD. */
 int ZORsystem(const char *command);
 
-/* Starts a command, as spawnProcess() does, with a stream to its standard input or from its standard
- * output. No other command inherits the stream's descriptor.
+/* Starts a command, as spawnProcess() does, with a stream to its standard input or from its
+ * standard output. No other command inherits the stream's descriptor.
  *
- *   mode  for fdopen(); 'r' at its start reads the command's output, anything else writes its input.
+ *   mode  for fdopen(); 'r' at its start reads the command's output, anything else writes its
+ *         input.
  *
  * Returns the stream, to be closed with ZORpclose() and nothing else. NULL with nothing started and
  * nothing left open: errno from pipe, fdopen or fork, ENOMEM, or EINVAL for a null argument. Passes
@@ -167,9 +177,11 @@ int ZORpclose(FILE *stream);
 /* ---- daemons and pseudo-terminals ---- */
 
 /* Puts the program into the background: forks, ends the calling process with exit(0), exit handlers
- * included, and returns in the child, which leads a new session without a terminal. Directory, umask
- * and descriptors stay as they are. Call it before InitSched(), children and arenas: no fork hooks
- * run, running timers stop, and children stay behind with the process that ends.
+ * included, and returns in the child, which leads a new session without a terminal. Directory,
+ * umask and descriptors stay as they are. Flush the standard I/O streams first: what is buffered is
+ * copied with them, and written by exit(0) and by the child again. Call it before InitSched(),
+ * children and arenas: no fork hooks run, running timers stop, and children stay behind with the
+ * process that ends.
  *
  * Returns 0 in the child; -1 with fork's errno in the calling process, which goes on. */
 int daemonify(void);

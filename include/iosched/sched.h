@@ -9,8 +9,9 @@
  * - Nothing here may be called from a signal handler of the program's own; callbacks registered
  *   with catchSignal() are no such handlers, they run from the loop.
  * - SIGALRM, SIGCHLD and ITIMER_REAL belong to the library once InitSched() has succeeded.
- * - Records handed in (DelayedCall, SchedTimer) stay the caller's; the library links them into its
- *   lists and allocates nothing for them.
+ * - Records handed in (DelayedCall, SchedTimer) stay the caller's. The library keeps them in tables of
+ *   its own, which grow when more of them wait than ever before; where there is no memory for that,
+ *   lists do as well, and nothing fails.
  */
 #ifndef IOSCHED_SCHED_H
 #define IOSCHED_SCHED_H
@@ -46,8 +47,18 @@ extern "C" {
  * Returns 0 and counts the call; SCHED_ERR_VERSION for a version that the library cannot serve
  * ("library too old", "library too new"); SCHED_ERR_SYSTEM when a module could not start, with errno
  * and the module's name in msg. After a failure the count is as before, and a later call starts all
- * modules again. If the process may have more than 32767 descriptors, its limit is lowered to that.
- * No callback runs inside, not even at a second start with signals already waiting. */
+ * modules again. No callback runs inside, not even at a second start with signals already waiting.
+ *
+ * What it takes from the process: the thread's signal mask becomes the set of caught signals, so a
+ * signal that the program had blocked, and that is waiting, arrives inside and may end the process.
+ * If more than 32767 descriptors are allowed, soft and hard limit are lowered to that; a process
+ * without privileges cannot raise the hard limit again. Up to four descriptors are the library's own
+ * until the last ExitSched().
+ *
+ * A second start, after the last ExitSched(), begins with no caught signal blocked but SIGCHLD and
+ * SIGALRM. The others keep their callbacks, but outside a pass's wait they run them at once, inside
+ * the signal handler, until catchSignal() is called for them again. A second start that fails for
+ * want of descriptors leaves the mask and the callbacks as they were. */
 int InitSched(int major, int minor, char *msg, int msgSize);
 
 /* Takes back one successful InitSched(). The last one closes the signal pipe; registrations, timers,
@@ -85,8 +96,12 @@ typedef void (*SchedIOFunc)(void *arg, int fd);
  * not suspended, else to the output callback. The two directions are independent.
  *
  *   fd    0 or more and below the descriptor limit seen by InitSched() or ResizeSchedTable(); need
- *         not be open yet. Unregister both directions before closing it: poll reports a closed
- *         descriptor at once, for ever, and no callback hears of it.
+ *         not be open yet. Unregister both directions before closing it: a closed descriptor counts
+ *         as ready in every pass, and no callback hears of it. Where many are registered, a
+ *         descriptor closed, or closed and opened again, without a word to the library may go
+ *         unnoticed for up to a hundred times as long as one poll of them all takes, and for
+ *         0.1 s for each thousand of them at least (1 s with 10,000); iopeek() alone does not
+ *         notice it.
  *   func  replaces the present one; NULL removes it and ends a suspension of this direction.
  *   arg   handed back untouched; stays the caller's.
  *
@@ -129,8 +144,10 @@ int ioschedFd(int fd, int timeout);
 int iopeek(void);
 
 /* Makes room for descriptors up to the process's present limit, after the program has raised it.
- * Registrations stay. A lowered limit changes nothing: the larger table is kept. May be called
- * inside a callback.
+ * Registrations stay. A lowered limit changes nothing: the larger table is kept, and passes poll it
+ * in pieces where it has become longer than poll takes in one call; they then look again every 10 ms
+ * while nothing is ready. With a limit of 0 poll takes nothing, and passes fail with EINVAL. May be
+ * called inside a callback.
  *
  * Returns 0, or SCHED_ERR_SYSTEM with errno ENOMEM and the table usable at its old size. */
 int ResizeSchedTable(void);
@@ -171,15 +188,19 @@ typedef void (*SchedSignalFunc)(int sig);
 /* Sets what happens on a signal, as signal() does. A callback runs from the loop, not inside a
  * signal handler; several arrivals before it runs are one call, and waiting signals are called in
  * ascending number. The signal is blocked outside the loop's wait from now on. SIG_DFL and SIG_IGN
- * give it back to the system. Stays in force after ExitSched().
+ * give it back to the system. Stays in force after ExitSched(); after a second InitSched() call it
+ * again, or the callback runs inside the signal handler (see there).
  *
  * Returns the previous handler, which may be passed back here later; SIG_ERR with errno EINVAL for
  * a number that is none, SIGKILL or SIGSTOP, and the handler as it was. */
 SchedSignalFunc catchSignal(int sig, SchedSignalFunc handler);
 
 /* enableSignals lets all signals in outside the loop too: from then on the callbacks of caught
- * signals run at once, inside the signal handler, and must limit themselves to what is safe there.
- * disableSignals goes back to the loop's own mask (as every pass and catchSignal() do).
+ * signals run at once, inside the signal handler, and must limit themselves to what is safe there:
+ * starting timers and queuing calls, which may allocate, is not.
+ * disableSignals goes back to the loop's own mask (as every pass and catchSignal() do). Use these and
+ * not pthread_sigmask(): passes may take a mask that was set past the library for their own, 64 of
+ * them at most.
  *
  * Return 0, or the error number of pthread_sigmask(). */
 int enableSignals(void);

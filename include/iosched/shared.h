@@ -27,26 +27,36 @@ extern "C" {
 #ifndef SCHED_ERR_SYSTEM
 #define SCHED_ERR_SYSTEM 100000
 #endif
-#define SHARED_ERR_VERSION 350000  /* an arena of another layout version */
-#define SHARED_ERR_MAGIC 350001    /* no initialised arena */
-#define SHARED_ERR_NOSPACE 350002  /* no free block is large enough */
-#define SHARED_ERR_CORRUPT 350003  /* not a chunk of this arena, or its lists are damaged */
-#define SHARED_ERR_NOTFOUND 350004 /* no chunk of that name, and no size to make one */
-#define SHARED_ERR_BUSY 350005     /* some process has the arena open */
-#define SHARED_ERR_DENIED 350100
-#define SHARED_ERR_NOLOCKS 350101
-#define SHARED_ERR_LOCKED 350102
-#define SHARED_ERR_SELFLOCKED 350103
-#define SHARED_ERR_NOTLOCKED 350104
-#define SHARED_ERR_NOTOPEN 350105
-#define SHARED_ERR_BADTABLE 350106
-#define SHARED_ERR_OPLOCK 350107
+#define SHARED_ERR_VERSION 350000    /* an arena of another layout version */
+#define SHARED_ERR_MAGIC 350001      /* no initialised arena */
+#define SHARED_ERR_NOSPACE 350002    /* no free block is large enough */
+#define SHARED_ERR_CORRUPT 350003    /* not a chunk of this arena, or its lists are damaged */
+#define SHARED_ERR_NOTFOUND 350004   /* no chunk of that name, and no size to make one */
+#define SHARED_ERR_BUSY 350005       /* some process has the arena open */
+#define SHARED_ERR_DENIED 350100     /* refused by the other opens, or by the limit */
+#define SHARED_ERR_NOLOCKS 350101    /* the table is full */
+#define SHARED_ERR_LOCKED 350102     /* another holder has a conflicting lock */
+#define SHARED_ERR_SELFLOCKED 350103 /* the caller's own lock conflicts */
+#define SHARED_ERR_NOTLOCKED 350104  /* the holder has no such lock */
+#define SHARED_ERR_NOTOPEN 350105    /* nobody has the file open */
+#define SHARED_ERR_BADTABLE 350106   /* the chunk is no lock table that is ready */
+#define SHARED_ERR_OPLOCK 350107     /* an oplock is in the way, or there is none to keep */
 
 /* ---- process-shared mutexes ----
  *
- * Neither recursive nor robust: who locks twice waits for ever, and so does everybody once the holder
- * has died; the holder field then names the dead process. Every function returns 0, or
- * SCHED_ERR_SYSTEM, and sets errno in either case: to 0, or to the error of the threads call. */
+ * Neither recursive nor robust: who locks twice waits for ever. Once the holder has died, everybody
+ * waits until the arena is repaired (arenactl repair); the holder field then names the dead process.
+ * Waiting heals by itself where nobody holds the mutex: a waiter looks again every 20 ms, so that a
+ * wake which was lost with a killed process strands nobody.
+ *
+ * Whoever can write to the memory can damage a mutex. A kind that InitializeSharedMutex() does not make
+ * (robust, with a protocol, or none at all) is refused with EINVAL. A lock word that says "held" is
+ * believed, whoever wrote it. One that says neither "free" nor "held" is refused with EINVAL by the
+ * functions on chunks; who comes upon it in AquireSharedMutex() or in an operation on a lock table
+ * waits as for a dead holder.
+ *
+ * Every function returns 0, or SCHED_ERR_SYSTEM, and sets errno in either case: to 0, or to the error
+ * of the threads call. */
 
 /* 48 bytes in memory that the processes share. */
 typedef struct SharedMutex {
@@ -58,7 +68,7 @@ typedef struct SharedMutex {
 /* Makes a mutex, once, before any process uses it. Leaves the holder field as it is. */
 uint32_t InitializeSharedMutex(SharedMutex *mutex);
 
-/* Locks, waiting as long as it takes, and records the process as the holder: by its process id from
+/* Locks, waiting as long as it takes (in slices of 20 ms), and records the process as the holder: by its process id from
  * InitSched() on, by 0 before. A child of ioFork() records itself; a child of plain fork() records its
  * parent. A failure leaves the holder field as it is. */
 uint32_t AquireSharedMutex(SharedMutex *mutex);
@@ -74,7 +84,13 @@ uint32_t DestroySharedMutex(SharedMutex *mutex);
  * An arena is a file that processes map at addresses of their own, so what lies in it refers to
  * other places in it by their distance from the base. Whoever has it open holds a shared flock lock on
  * the file; programs that are not built on this library may take part in that. The file must not be
- * cut, written to or renamed by other means while it is in use. */
+ * cut, written to or renamed by other means while it is in use.
+ *
+ * The processes that share an arena trust each other. Whoever can write the file can change what every
+ * other process reads in it; the library checks what it follows, so that bad bytes end in an error and
+ * not in a stray write, but it cannot tell a forged record from a true one. Whoever can open it for
+ * reading can hold everybody up with flock. So give it mode 0600, in a directory that only its owner
+ * writes to. SHARED_ARENA_CREATE takes over whatever file it finds at the path. */
 
 /* An open arena. Read the fields, never write them. */
 typedef struct SharedArena {
@@ -97,16 +113,20 @@ typedef struct SharedArena {
  *   mode   permissions of a file that is made, as for open(2).
  *   size   bytes, rounded up to whole pages; used only by the process that initialises. The
  *          file is written out in full, so that a full disk shows here (ENOSPC). 0 empties the
- *          file and fails with EINVAL; so does a size that cannot be rounded up, but the file
- *          stays as it is.
+ *          file and fails with EINVAL. A size that cannot be rounded up fails with EINVAL, and one
+ *          above the limit on a file's size (RLIMIT_FSIZE) with EFBIG; the file then stays as it
+ *          is.
  *   arena  receives the handle, the caller's until CloseSharedArena().
  *
- * Waits while another process initialises. A creator that finds the file in use, but not
- * initialised, tries for about half a second. Returns 0; SCHED_ERR_SYSTEM (EINVAL for an empty file,
- * EINTR when a caught signal ended the wait, ESTALE when the path never leads to the file that was
- * opened); SHARED_ERR_MAGIC for a file that is no arena, was half made, or is not whole pages;
- * SHARED_ERR_VERSION. After a failure nothing is
- * left open; a file may be left empty or half written, for the next creator. */
+ * Waits while another process initialises. A creator that finds the file in use and empty or half
+ * made tries for about half a second. A file that was cut or added to is an arena all the same: what
+ * no longer lies in it is damage.
+ *
+ * Returns 0; SCHED_ERR_SYSTEM (EINVAL for an empty file, EINTR when a caught signal ended the wait,
+ * ESTALE when the path never leads to the file that was opened); SHARED_ERR_MAGIC for a file that is
+ * no arena or was half made; SHARED_ERR_VERSION. After a failure nothing is left open, and no room on
+ * the disk is left taken: a file whose initialisation failed is cut to one page of zeros, for the
+ * next creator. */
 uint32_t OpenSharedArena(const char *path, int flags, mode_t mode, uint64_t size,
                          SharedArena **arena);
 
@@ -193,7 +213,9 @@ uint32_t CopySharedChunk(SharedArena *arena, void *chunk, SharedMutex *mutex, vo
  * child of vfork() runs in its parent's memory and may be taken for it: it must not call these
  * functions.
  *
- * Pointers must not be NULL where nothing else is said. Not for use in a signal handler. */
+ * Pointers must not be NULL where nothing else is said. What they lead to is read before the table's
+ * mutex is taken and written after it is released: a bad pointer ends its caller, not the table. Not
+ * for use in a signal handler. */
 
 /* A process's access to a table. Made by AllocateSharedFileLockTable, freed by
  * FreeSharedFileLockTable; in between it belongs to the caller, and a child that inherits the
@@ -257,10 +279,10 @@ uint64_t CalcSharedFileLockTableSize(int32_t processes, int32_t filesPerProcess,
  *
  * Returns 0; SHARED_ERR_NOTFOUND when there is no such chunk and processes is 0; SHARED_ERR_NOSPACE
  * when the arena has no room; SHARED_ERR_BADTABLE when the chunk of that name is not a ready table
- * or is too small for its own bucket count; or SCHED_ERR_SYSTEM with errno: EINVAL, before the
- * arena is looked at, for a negative count, for more than 2^30 files, or for processes *
- * (filesPerProcess + 20) above INT32_MAX; ENOMEM; or what a mutex gave. A failure keeps no memory
- * and no reference on the chunk. */
+ * (its mutex damaged, say) or is too small for its own bucket count; or SCHED_ERR_SYSTEM with errno:
+ * EINVAL, when a table would have to be made, for a negative count, for more than 2^30 files, or for
+ * processes * (filesPerProcess + 20) above INT32_MAX; ENOMEM; or what a mutex gave. A failure keeps
+ * no memory and no reference on the chunk. */
 int AllocateSharedFileLockTable(SharedArena *arena, const char *name, int32_t processes,
                                 int32_t filesPerProcess, int32_t locks,
                                 SharedFileLockTable **table);

@@ -1,5 +1,5 @@
-// A `pclose` that waits for nothing and leaves the stream open. ZORpclose() is the replacement. Leaves
-// errno alone.
+// A `pclose` that waits for nothing and leaves the stream open. ZORpclose() is the replacement.
+// Leaves errno alone.
 
 #include "support/link_warning.h"
 

@@ -1,5 +1,5 @@
-// A `popen` that starts nothing. libc's stream can only be closed by waiting for the command, outside the
-// loop: ZORpopen() is the replacement. Gives a null stream and leaves errno alone.
+// A `popen` that starts nothing. libc's stream can only be closed by waiting for the command,
+// outside the loop: ZORpopen() is the replacement. Gives a null stream and leaves errno alone.
 
 #include "support/link_warning.h"
 

@@ -1,137 +1,192 @@
-// The registry of children and the fork hooks.
+// The registry of children.
 //
-// Both are lists that callbacks may change while they are being walked. A child's record is unlinked
-// before its callback runs and freed after it, and the walk starts from the head again; a fork hook
-// that is removed during a walk only loses its function, and is freed when the outermost walk ends.
+// Callbacks may change it while it is being worked through. A child's record is taken off its list
+// before its callback runs and freed after it, and the lists are read from the head again.
+//
+// A pid may have two registrations, one by the program and one by the library itself, for a command
+// of ZORsystem or ZORpopen. And the kernel gives a pid away again as soon as its process is reaped,
+// maybe before the callback of that process has run: a report, or a command just started, then
+// belongs to the new process.
 
 #include "procs/procs_internal.h"
 
-#include "sched/sched_internal.h"
 #include "support/guards.h"
-#include "support/list.h"
+#include "support/hash_table.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <unistd.h>
-
-struct ChildRecord : ListLink {
-    int32_t pid;  // at most one record per pid in each list
-    ChildDoneFunc callback;
-    void *argument;
-    ChildStatus status;  // filled in when the child is reaped
-};
+#include <sys/wait.h>
+#include <utility>
 
 namespace {
-
-struct ForkHook : ListLink {
-    ForkHookFunc function;  // null: removed during a walk, freed when the walk ends
-    void *argument;
-};
 
 // Registered and not yet reaped, in registration order.
 constinit ListLink pidHead{&pidHead, &pidHead};
 // Reaped, callback still to run, in the order of reaping.
 constinit ListLink diedPidHead{&diedPidHead, &diedPidHead};
-// The fork hooks, in registration order.
-constinit ListLink forkHead{&forkHead, &forkHead};
-// Walks of the hook table that are active: a hook may itself fork. No hook is freed before it is 0.
-int forkHeadBusy = 0;
+// The program's registrations in both lists, and the library's own in pidHead, by pid.
+constinit HashTable<ChildRecord> registrations;
+constinit HashTable<ChildRecord> ownChildren;
+// The program's registrations whose callbacks are running, outermost first.
+constinit ListLink calledHead{&calledHead, &calledHead};
 
-void freeRecord(ListLink *record) {
-    unlinkNode(record);
+void freeRegistration(ChildRecord *record) {
+    (void)registrations.remove(record->pid);
+    unlinkNode<ListLink>(record);
     std::free(record);
 }
 
-ChildRecord *findChild(ListLink *head, int pid) {
-    for (ListLink *link = head->next; link != head; link = link->next) {
+void setRegistration(ChildRecord *record, int pid, ChildDoneFunc callback, void *arg) {
+    record->pid = pid;
+    record->callback = callback;
+    record->argument = arg;
+}
+
+// Moves a registration to those whose callbacks are to run.
+void fileStatus(ChildRecord *record, const ChildStatus &status) {
+    record->status = status;
+    record->reaped = true;
+    unlinkNode<ListLink>(record);
+    appendToList(&diedPidHead, record);
+}
+
+// The outermost callback that is running for a child.
+ChildRecord *findCalled(int pid) {
+    for (ListLink *link = calledHead.next; link != &calledHead; link = link->next) {
         auto *record = static_cast<ChildRecord *>(link);
         if (record->pid == pid) return record;
     }
     return nullptr;
 }
 
-// Gives the child's record, reaped or not, another callback. False when there is none.
-bool changeRegistration(int pid, ChildDoneFunc callback, void *arg) {
-    ChildRecord *record = findChild(&pidHead, pid);
-    if (record == nullptr) record = findChild(&diedPidHead, pid);
-    if (record == nullptr) return false;
-    if (callback == nullptr) {
-        freeRecord(record);
-        return true;
-    }
-    record->callback = callback;
-    record->argument = arg;
-    return true;
+// Whether the last that is known of the record's child is that it has stopped. Until it is known to
+// have ended, every report under its pid is its own.
+bool hasStopped(const ChildRecord &record) {
+    return (record.later.pid != 0 ? record.later : record.status).stopped != 0;
 }
 
-void listChild(ChildRecord *record, int pid, ChildDoneFunc callback, void *arg) {
-    record->pid = pid;
-    record->callback = callback;
-    record->argument = arg;
-    appendToList(&pidHead, record);
+// A child may go on and end before the callback that is told of its stop has had the chance to
+// register it again. The stop's record keeps the report for that.
+void keepForCallback(ChildRecord *record, const ChildStatus &status) {
+    if (record == nullptr || !hasStopped(*record)) return;
+    record->later = status;
+    record->kept = true;
 }
 
-void freeChildren(ListLink *head) {
-    while (!listIsEmpty(head))
-        freeRecord(static_cast<ChildRecord *>(head->next));
+bool isOwnChildNow(int pid) {
+    siginfo_t info;
+    return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WSTOPPED | WNOHANG | WNOWAIT) ==
+           0;
 }
 
-void sweepForkHooks() {
-    for (ListLink *link = forkHead.next; link != &forkHead;) {
-        auto *hook = static_cast<ForkHook *>(link);
-        link = link->next;
-        if (hook->function == nullptr) freeRecord(hook);
+// What was kept for a registration made now, or null.
+const ChildStatus *takeKeptStatus(int pid) {
+    ChildRecord *record = findCalled(pid);
+    if (record == nullptr || !std::exchange(record->kept, false)) return nullptr;
+    // A pid that is a child's again after its end was reaped is a new child's.
+    if (record->later.stopped == 0 && isOwnChildNow(pid)) return nullptr;
+    return &record->later;
+}
+
+void forgetChildren(ListLink *head) {
+    while (!listIsEmpty(head)) {
+        auto *record = static_cast<ChildRecord *>(head->next);
+        if (record->own)
+            unlistOwnChild(record);
+        else
+            freeRegistration(record);
     }
 }
 
 }  // namespace
 
 int registerChild(int pid, ChildDoneFunc callback, void *arg) {
-    if (changeRegistration(pid, callback, arg)) return 0;
+    ChildRecord *record = registrations.find(pid);
     if (callback == nullptr) {
+        if (record != nullptr) {
+            freeRegistration(record);
+            return 0;
+        }
         errno = ESRCH;
         return -1;
     }
-    ChildRecord *record = reserveChild();
+    if (record != nullptr) {
+        setRegistration(record, pid, callback, arg);
+        return 0;
+    }
+    if (!registrations.reserve()) return -1;
+    record = newRecord<ChildRecord>();
     if (record == nullptr) return -1;
-    listChild(record, pid, callback, arg);
+    setRegistration(record, pid, callback, arg);
+    registrations.insert(pid, record);
+    appendToList(&pidHead, record);
+    if (const ChildStatus *status = takeKeptStatus(pid)) fileStatus(record, *status);
     return 0;
 }
 
-ChildRecord *reserveChild(void) {
-    return newRecord<ChildRecord>();
+bool iosched_lib::reserveOwnChild(void) {
+    return ownChildren.reserve();
 }
 
-void commitChild(ChildRecord *reserved, int pid, ChildDoneFunc callback, void *arg) {
-    // A record of a reaped child belongs to an earlier process with the same number, whose status
-    // and callback are not this one's.
-    if (ChildRecord *stale = findChild(&pidHead, pid)) freeRecord(stale);
-    listChild(reserved, pid, callback, arg);
+void iosched_lib::listOwnChild(ChildRecord *record, int pid, ChildDoneFunc callback, void *arg) {
+    // A reaped record under this pid is an earlier process's: leave it. A live record cannot be
+    // right: drop it.
+    ChildRecord *stale = registrations.find(pid);
+    if (stale != nullptr && !stale->reaped) freeRegistration(stale);
+    if (ChildRecord *other = ownChildren.find(pid)) unlistOwnChild(other);
+    *record = ChildRecord{};
+    record->own = true;
+    setRegistration(record, pid, callback, arg);
+    ownChildren.insert(pid, record);
+    appendToList(&pidHead, record);
 }
 
-void dropReservation(ChildRecord *reserved) {
-    ErrnoGuard keep;
-    std::free(reserved);
-}
-
-void schedChildDied(int pid, const ChildStatus *status) {
-    ChildRecord *record = findChild(&pidHead, pid);
-    if (record == nullptr) return;
-    record->status = *status;
+void iosched_lib::unlistOwnChild(ChildRecord *record) {
+    if (record->pid == 0) return;
+    if (!record->reaped) (void)ownChildren.remove(record->pid);
     unlinkNode<ListLink>(record);
-    appendToList(&diedPidHead, record);
+    record->pid = 0;
 }
 
-unsigned int callRegisteredChildFuncs(void) {
+bool iosched_lib::anyChildRegistered(void) {
+    return !listIsEmpty(&pidHead);
+}
+
+void iosched_lib::schedChildDied(int pid, const ChildStatus *status) {
+    if (ChildRecord *own = ownChildren.remove(pid)) fileStatus(own, *status);
+    ChildRecord *record = registrations.find(pid);
+    if (record != nullptr && !record->reaped)
+        fileStatus(record, *status);
+    else
+        keepForCallback(record != nullptr ? record : findCalled(pid), *status);
+}
+
+unsigned int iosched_lib::callRegisteredChildFuncs(void) {
     unsigned int called = 0;
     while (!listIsEmpty(&diedPidHead)) {
         auto *record = static_cast<ChildRecord *>(diedPidHead.next);
-        unlinkNode<ListLink>(record);
         ++called;
+        if (record->own) {
+            unlistOwnChild(record);
+            record->callback(record->argument, &record->status);
+            continue;  // not the registry's record any more
+        }
+        (void)registrations.remove(record->pid);
+        unlinkNode<ListLink>(record);
+        appendToList(&calledHead, record);
         record->callback(record->argument, &record->status);
+        unlinkNode<ListLink>(record);
         std::free(record);
     }
     return called;
+}
+
+void iosched_lib::forgetAllChildren(void) {
+    forgetChildren(&pidHead);
+    forgetChildren(&diedPidHead);
+    // The fork may have happened in these callbacks, which still run in the child.
+    for (ListLink *link = calledHead.next; link != &calledHead; link = link->next)
+        static_cast<ChildRecord *>(link)->pid = 0;
 }
 
 int buildStatus(const ChildStatus *status) {
@@ -139,67 +194,4 @@ int buildStatus(const ChildStatus *status) {
     if (status->stopped != 0) return (status->termSignal << 8) | 0x7f;
     if (status->coreDumped != 0) return status->termSignal | 0x80;
     return status->termSignal;
-}
-
-int registerFork(ForkHookFunc function, void *arg) {
-    if (function == nullptr) {  // would stand for a removed hook
-        errno = EINVAL;
-        return -1;
-    }
-    auto *hook = newRecord<ForkHook>();
-    if (hook == nullptr) return -1;
-    hook->function = function;
-    hook->argument = arg;
-    appendToList(&forkHead, hook);
-    return 0;
-}
-
-int unRegisterFork(ForkHookFunc function, void *arg) {
-    for (ListLink *link = forkHead.next; link != &forkHead; link = link->next) {
-        auto *hook = static_cast<ForkHook *>(link);
-        if (function == nullptr || hook->function != function || hook->argument != arg) continue;
-        if (forkHeadBusy != 0)
-            hook->function = nullptr;
-        else
-            freeRecord(hook);
-        return 0;
-    }
-    errno = ESRCH;
-    return -1;
-}
-
-void applyForkTab(int phase, int value) {
-    ++forkHeadBusy;
-    for (ListLink *link = forkHead.next; link != &forkHead; link = link->next) {
-        auto *hook = static_cast<ForkHook *>(link);
-        if (hook->function == nullptr) continue;
-        // Asked anew each time: where a hook forks, the grandchild goes on with its parent's walk.
-        if (phase == FORK_CHILD) value = ::getpid();
-        hook->function(hook->argument, phase, value);
-    }
-    --forkHeadBusy;
-    if (forkHeadBusy == 0) sweepForkHooks();
-}
-
-void forgetAllChildren(void) {
-    freeChildren(&pidHead);
-    freeChildren(&diedPidHead);
-}
-
-pid_t ioFork(void) {
-    applyForkTab(FORK_PREPARE, -1);
-    const pid_t pid = ::fork();
-    if (pid == -1) {
-        ErrnoGuard keep;  // the hooks may fail at things of their own
-        applyForkTab(FORK_FAILED, errno);
-        return -1;
-    }
-    if (pid > 0) {
-        applyForkTab(FORK_PARENT, pid);
-        return pid;
-    }
-    forgetAllChildren();
-    (void)afterForkChildSelfPipe();  // where it fails, the child's passes try again
-    applyForkTab(FORK_CHILD, ::getpid());
-    return 0;
 }

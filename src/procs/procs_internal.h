@@ -3,7 +3,23 @@
 
 #include "iosched/procs.h"
 
-// Files the status of a reaped child with its registration; drops it when there is none.
+#include "support/list.h"
+
+namespace iosched_lib {
+
+// One registration of a child.
+struct ChildRecord : ListLink {
+    int32_t pid;  // 0: not listed
+    bool own;     // part of an OwnChild, else on the heap and the registry's to free
+    bool reaped;  // status is filled in, the callback is to run
+    bool kept;    // `later` waits for a registration that is made while the callback runs
+    ChildDoneFunc callback;
+    void *argument;
+    ChildStatus status;
+    ChildStatus later;  // what was reaped of a stopped child after the stop; pid 0: nothing yet
+};
+
+// Files the status of a reaped child with its registrations; drops it when there is none.
 void schedChildDied(int pid, const ChildStatus *status);
 
 // Runs the callbacks of the children that have been reaped. Returns how many it ran.
@@ -14,16 +30,31 @@ void schedChildDone(int sig);
 
 int initProcesses(void);
 
-// registerChild in two steps, for who cannot undo the start of a child: what may fail comes first.
-// The reservation is the caller's until it is committed or dropped.
-struct ChildRecord;
-ChildRecord *reserveChild(void);  // null with errno ENOMEM
-void commitChild(ChildRecord *reserved, int pid, ChildDoneFunc callback, void *arg);
-void dropReservation(ChildRecord *reserved);  // keeps errno
+// A command that a function of the library waits for. Its registration is out of registerChild's
+// reach, and lies in memory of the function that waits.
+struct OwnChild {
+    ChildRecord record;
+    pid_t owner;  // the process whose child it is
+};
 
-// Runs passes, at least one, until the flag that a child's callback sets is not 0. A process forked
-// off its owner in the meantime, or before, never hears of that child: false with errno ECHILD there.
-bool waitForOwnChild(const int32_t &done, pid_t owner);
+// Starts a command and registers it, with SIGCHLD blocked in between and the signal mask left as it
+// was. 0, or -1 with errno and nothing started.
+int startOwnChild(OwnChild *child, const SpawnOptions *options, const char *command,
+                  ChildDoneFunc callback, void *arg);
+
+// Runs passes, at least one, until the flag that the child's callback sets is not 0. A process
+// forked off its owner in the meantime, or before, never hears of that child: false with errno
+// ECHILD there, and the registration gone.
+bool waitForOwnChild(OwnChild *child, const int32_t &done);
+
+// The steps of a registration by the library itself: makes room for one, or gives false with errno
+// ENOMEM; lists the record, for which there is room; takes it off its list if it is on one.
+bool reserveOwnChild(void);
+void listOwnChild(ChildRecord *record, int pid, ChildDoneFunc callback, void *arg);
+void unlistOwnChild(ChildRecord *record);
+
+// Whether any child is registered and not yet reaped.
+bool anyChildRegistered(void);
 
 // Calls every fork hook, oldest first.
 void applyForkTab(int phase, int value);
@@ -31,5 +62,6 @@ void applyForkTab(int phase, int value);
 // In the child of a fork: forgets the parent's children without calling anybody.
 void forgetAllChildren(void);
 
-// Takes a terminal away from everybody who has it open. -1 with errno ENOSYS on this system.
-int revokeTerminal(const char *name);
+}  // namespace iosched_lib
+
+using namespace iosched_lib;

@@ -12,13 +12,9 @@
 
 namespace {
 
-// status is what wait3 gave for the child; the usage is in the record already.
+// status is what wait3 gave for the child. The usage is in the record already, all else is 0.
 void fillStatus(ChildStatus *record, int pid, int status) {
     record->pid = pid;
-    record->termSignal = 0;
-    record->coreDumped = 0;
-    record->stopped = 0;
-    record->exitCode = 0;
     if (WIFSIGNALED(status)) {
         record->termSignal = WTERMSIG(status);
         record->coreDumped = status & 0x80;
@@ -32,7 +28,7 @@ void fillStatus(ChildStatus *record, int pid, int status) {
 
 }  // namespace
 
-void schedChildDone(int /*sig*/) {
+void iosched_lib::schedChildDone(int /*sig*/) {
     for (;;) {
         ChildStatus record{};
         int status = 0;
@@ -44,6 +40,10 @@ void schedChildDone(int /*sig*/) {
     (void)callRegisteredChildFuncs();
 }
 
-int initProcesses(void) {
-    return catchSignal(SIGCHLD, schedChildDone) == SIG_ERR ? -1 : 0;
+int iosched_lib::initProcesses(void) {
+    if (catchSignal(SIGCHLD, schedChildDone) == SIG_ERR) return -1;
+    // Nobody caught the signals of children that were registered earlier. It is blocked now, so the
+    // first pass will see it.
+    if (anyChildRegistered()) (void)::raise(SIGCHLD);
+    return 0;
 }

@@ -1,9 +1,9 @@
 // Starting programs: fork, prepare the child, exec.
 //
-// The parent blocks every signal around the fork and the child gives its handlers back before it lets
-// signals in: one taken in between would write into the parent's self-pipe or run the parent's
-// callback in a half-made child. The child touches none of the library's tables and ends with _exit,
-// so that the parent's buffers and exit handlers are left to the parent.
+// The parent blocks every signal around the fork and the child gives its handlers back before it
+// lets signals in: one taken in between would write into the parent's self-pipe or run the parent's
+// callback in a half-made child. The child touches none of the library's tables and ends with
+// _exit, so that the parent's buffers and exit handlers are left to the parent.
 
 #include "iosched/procs.h"
 
@@ -38,8 +38,9 @@ void putOnNullDevice() {
     (void)::dup2(STDIN_FILENO, STDERR_FILENO);
 }
 
-// One source may serve two targets, so sources are closed only when all targets are in place. A
-// source among 0, 1 and 2 is a standard descriptor of the program and stays open.
+// A source is a descriptor that the caller named, its target is 0, 1 or 2. One source may serve two
+// targets, so no source is closed before all targets are in place; one that is 0, 1 or 2 itself is
+// a standard descriptor of the program and stays open.
 void redirectStandardFds(const SpawnOptions &options) {
     const struct {
         uint32_t flag;

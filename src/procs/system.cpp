@@ -2,10 +2,9 @@
 
 #include "procs/procs_internal.h"
 
-#include "sched/sched_internal.h"
+#include "iosched/sched.h"
 
-#include <cerrno>
-#include <unistd.h>
+#include <csignal>
 
 namespace {
 
@@ -13,6 +12,7 @@ namespace {
 struct SystemWait {
     int32_t done;  // 0 until the child has ended
     ChildStatus status;
+    OwnChild child;
 };
 
 void childdone(void *arg, const ChildStatus *status) {
@@ -21,9 +21,9 @@ void childdone(void *arg, const ChildStatus *status) {
     wait->done = 1;
 }
 
-// Ignores one signal until the end of the scope. A handler that the program installed past the
-// library comes back with its mask and flags and not as a callback of the loop; the library's own
-// process-level handler differs from the callback that catchSignal names.
+// Ignores one signal until the end of the scope, and restores what was there. If catchSignal and
+// sigaction report the same handler, the program installed it itself: it goes back with mask and
+// flags, not as a loop callback.
 class IgnoredSignal {
 public:
     explicit IgnoredSignal(int sig) : sig_(sig) {
@@ -49,32 +49,10 @@ private:
 
 }  // namespace
 
-bool waitForOwnChild(const int32_t &done, pid_t owner) {
-    (void)iosched(0);
-    while (done == 0) {
-        if (::getpid() != owner) {
-            errno = ECHILD;
-            return false;
-        }
-        (void)iosched(-1);  // -1 only says that a signal came, most likely the child's
-    }
-    return true;
-}
-
 int ZORsystem(const char *command) {
-    const pid_t owner = ::getpid();
-    ChildRecord *reserved = reserveChild();
-    if (reserved == nullptr) return -1;
-    // Let in now, SIGCHLD would reap a quick child before it is registered.
-    (void)disableSignals();
-    const pid_t pid = spawnProcess(nullptr, command);
-    if (pid == -1) {
-        dropReservation(reserved);
-        return -1;
-    }
+    SystemWait wait{};
+    if (startOwnChild(&wait.child, nullptr, command, childdone, &wait) == -1) return -1;
     // Only now: the command keeps the dispositions that the program has outside this call.
     IgnoredSignal interrupt(SIGINT), quit(SIGQUIT);
-    SystemWait wait{};
-    commitChild(reserved, pid, childdone, &wait);
-    return waitForOwnChild(wait.done, owner) ? buildStatus(&wait.status) : -1;
+    return waitForOwnChild(&wait.child, wait.done) ? buildStatus(&wait.status) : -1;
 }

@@ -2,8 +2,8 @@
 
 #include "sched/sched_internal.h"
 
-SchedTraceFunc schedTraceCallbackFunc = nullptr;
-int schedTraceLevel = 0;
+SchedTraceFunc iosched_lib::schedTraceCallbackFunc = nullptr;
+int iosched_lib::schedTraceLevel = 0;
 
 void SetSchedTraceCallback(SchedTraceFunc func, int level) {
     const bool on = func != nullptr && level != 0;

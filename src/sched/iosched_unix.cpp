@@ -1,15 +1,15 @@
-// The descriptor table and the poll loop.
+// The descriptor table and the pass of the loop.
 //
-// A callback may register, remove, suspend, grow the tables or run passes of its own. Dispatch holds
-// three lines against that: table addresses and entries are read again after every callback, the
-// direction bits keep a nested pass from entering a callback that is running, and the generation
-// ends a pass whose poll results a nested pass has overwritten. What was ready and not served is
-// still ready at the next poll.
+// A callback may register, remove, suspend, grow the tables or run passes of its own. Dispatch
+// holds three lines against that: table addresses and entries are read again after every callback,
+// the direction bits keep a nested pass from entering a callback that is running, and the
+// generation ends a pass whose findings a nested pass has overwritten. What was ready and not
+// served is still ready at the next pass.
 
 #include "sched/sched_internal.h"
 
 #include "procs/procs_internal.h"
-#include "support/guards.h"
+#include "sched/ready_internal.h"
 
 #include <cerrno>
 #include <climits>
@@ -19,48 +19,32 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-volatile sig_atomic_t inIOSched = 0;
+FdTabEntry *iosched_lib::fdtab = nullptr;
+int iosched_lib::fdtablesize = 0;
+int iosched_lib::maxfd = 0;
+int iosched_lib::registeredCount = 0;
 
 namespace {
 
-constexpr int kMaxDescriptors = 32767;  // keeps both tables small where the system allows millions
+constexpr int kMaxDescriptors = 32767;  // keeps the tables small where the system allows millions
 constexpr int kMsPerSecond = 1000;
-constexpr int kPeekChunk = 64;
 
-struct FdTabEntry {
-    SchedIOFunc inputFunc;  // null: no input callback
-    void *inputArg;
-    SchedIOFunc outputFunc;
-    void *outputArg;
-    uint16_t flags;  // POLLIN, POLLOUT: directions whose dispatch is suspended
+// What differs between input and output.
+struct Direction {
+    FdHalf FdTabEntry::*half;
+    short bit;     // in flags
+    short events;  // any of these calls it
+    short takes;   // and these are then told to nobody else
 };
+// Who has an input callback hears of errors there; the output callback then hears only of POLLOUT.
+constexpr Direction kInput{&FdTabEntry::input, POLLIN, POLLIN | POLLERR | POLLHUP,
+                           POLLERR | POLLHUP};
+constexpr Direction kOutput{&FdTabEntry::output, POLLOUT, POLLOUT | POLLERR | POLLHUP, 0};
 
-// Indexed by descriptor; fdtablesize entries each. Null until the first start, then never freed.
-FdTabEntry *fdtab = nullptr;
-pollfd *polltab = nullptr;
-int fdtablesize = 0;
-// Entries of polltab in use, and whether they agree with the registrations.
-int polltabLength = 0;
-bool pollTabValid = false;
-// No registered descriptor lies above.
-int maxfd = 0;
 // Counts passes, so that one knows whether another ran inside it.
 uint32_t schedGen = 0;
-// Active iosched calls, and walks over the poll results that are active among them.
+// Active iosched calls.
 int schedNestingLevel = 0;
-int dispatchDepth = 0;
-
-bool hasCallback(const FdTabEntry &entry) {
-    return entry.inputFunc != nullptr || entry.outputFunc != nullptr;
-}
-
-// What poll is to watch for a descriptor. Suspension plays no part.
-pollfd pollEntryFor(int fd) {
-    const FdTabEntry &entry = fdtab[fd];
-    int events = entry.inputFunc != nullptr ? POLLIN : 0;
-    if (entry.outputFunc != nullptr) events |= POLLOUT;
-    return {fd, static_cast<short>(events), 0};
-}
 
 FdTabEntry *tableEntry(int fd) {
     if (fd < 0 || fd >= fdtablesize) {
@@ -70,30 +54,35 @@ FdTabEntry *tableEntry(int fd) {
     return &fdtab[fd];
 }
 
-void noteRegistration(int fd, bool added) {
-    if (added && fd > maxfd) maxfd = fd;
-    pollTabValid = false;
+void clearDirection(int fd, const Direction &direction) {
+    fdtab[fd].flags = static_cast<uint16_t>(fdtab[fd].flags & ~direction.bit);
 }
 
-void clearDirection(int fd, int direction) {
-    fdtab[fd].flags = static_cast<uint16_t>(fdtab[fd].flags & ~direction);
+int setCallback(int fd, const Direction &direction, SchedIOFunc func, void *arg) {
+    FdTabEntry *entry = tableEntry(fd);
+    if (entry == nullptr) return -1;
+    const short eventsBefore = watchedEvents(fd);
+    const bool replaced = (entry->*direction.half).func != nullptr && func != nullptr;
+    entry->*direction.half = {func, arg};
+    if (func == nullptr)
+        clearDirection(fd, direction);
+    else if (fd > maxfd)
+        maxfd = fd;
+    noteRegistration(fd, eventsBefore, replaced);
+    return 0;
 }
 
-void rebuildPollTab() {
-    while (maxfd > 0 && !hasCallback(fdtab[maxfd]))
-        --maxfd;
-    polltabLength = 0;
-    if (fdtab != nullptr) {
-        for (int fd = 0; fd <= maxfd; ++fd)
-            if (hasCallback(fdtab[fd])) polltab[polltabLength++] = pollEntryFor(fd);
-    }
-    pollTabValid = true;
+bool hasCallback(int fd, const Direction &direction, SchedIOFunc func, const void *arg) {
+    if (fd < 0 || fd >= fdtablesize) return false;
+    const FdHalf &half = fdtab[fd].*direction.half;
+    return half.func == func && half.arg == arg;
 }
 
-// Gives poll entries [from, to) their unused shape.
-void clearPollEntries(int from, int to) {
-    for (int i = from; i < to; ++i)
-        polltab[i] = {-1, 0, 0};
+int suspend(int fd, uint16_t directions) {
+    FdTabEntry *entry = tableEntry(fd);
+    if (entry == nullptr) return -1;
+    entry->flags = directions;
+    return 0;
 }
 
 int descriptorLimit() {
@@ -107,75 +96,27 @@ int toMilliseconds(int seconds) {
     return seconds > INT_MAX / kMsPerSecond ? INT_MAX : seconds * kMsPerSecond;
 }
 
-// Of two timeouts of poll, where -1 means no limit.
-int shorterWait(int a, int b) {
-    if (a < 0 || b < 0) return a < 0 ? b : a;
-    return a < b ? a : b;
+// Calls the callback of one direction of the i-th ready descriptor if it is due.
+void dispatch(int i, const Direction &direction) {
+    const int fd = ready[i].fd;
+    FdTabEntry &entry = fdtab[fd];
+    const FdHalf half = entry.*direction.half;
+    if (half.func == nullptr || (entry.flags & direction.bit) != 0) return;
+    if ((ready[i].revents & direction.events) == 0) return;
+    ready[i].revents = static_cast<short>(ready[i].revents & ~direction.takes);
+    entry.flags = static_cast<uint16_t>(entry.flags | direction.bit);
+    half.func(half.arg, fd);
+    clearDirection(fd, direction);  // in the entry as it now stands: the table may have moved
 }
 
-// Waits with all signals let in. A signal that was waiting is delivered before poll, which then
-// finds the self-pipe readable. Keeps poll's errno.
-int pollWithSignals(int waitMs) {
-    if (!pollTabValid) rebuildPollTab();
-    inIOSched = inIOSched + 1;
-    (void)enableSignals();
-    const int ready = ::poll(polltab, static_cast<nfds_t>(polltabLength), waitMs);
-    const int pollError = errno;
-    (void)disableSignals();
-    inIOSched = inIOSched - 1;
-    errno = pollError;
-    return ready;
-}
-
-// Each calls the callback of one direction of the i-th poll entry if it is due.
-void dispatchInput(int i) {
-    constexpr int kInputEvents = POLLIN | POLLERR | POLLHUP;
-    const int fd = polltab[i].fd;
-    const FdTabEntry entry = fdtab[fd];
-    if (entry.inputFunc == nullptr || (entry.flags & POLLIN) != 0) return;
-    if ((polltab[i].revents & kInputEvents) == 0) return;
-    // The input side has seen the error; the output side hears only of POLLOUT.
-    polltab[i].revents = static_cast<short>(polltab[i].revents & ~(POLLERR | POLLHUP));
-    fdtab[fd].flags = static_cast<uint16_t>(entry.flags | POLLIN);
-    entry.inputFunc(entry.inputArg, fd);
-    clearDirection(fd, POLLIN);
-}
-
-void dispatchOutput(int i) {
-    constexpr int kOutputEvents = POLLOUT | POLLERR | POLLHUP;
-    const int fd = polltab[i].fd;
-    const FdTabEntry entry = fdtab[fd];
-    if (entry.outputFunc == nullptr || (entry.flags & POLLOUT) != 0) return;
-    if ((polltab[i].revents & kOutputEvents) == 0) return;
-    fdtab[fd].flags = static_cast<uint16_t>(entry.flags | POLLOUT);
-    entry.outputFunc(entry.outputArg, fd);
-    clearDirection(fd, POLLOUT);
-}
-
-// Calls what is ready, in table order, until the table ends or a nested pass has reused it.
+// Calls what is ready, in ascending order, until a nested pass has found something else.
 void dispatchReady(uint32_t generation) {
-    ++dispatchDepth;
-    for (int i = 0; i < polltabLength; ++i) {
-        dispatchInput(i);
-        if (schedGen != generation) break;
-        dispatchOutput(i);
-        if (schedGen != generation) break;
+    for (int i = 0; i < readyCount; ++i) {
+        dispatch(i, kInput);
+        if (schedGen != generation) return;
+        dispatch(i, kOutput);
+        if (schedGen != generation) return;
     }
-    --dispatchDepth;
-}
-
-// poll's answer for now without touching polltab, whose results a walk further out is still reading.
-bool anythingReadyBesideWalk() {
-    pollfd chunk[kPeekChunk];
-    nfds_t used = 0;
-    for (int fd = 0; fd <= maxfd; ++fd) {
-        if (hasCallback(fdtab[fd])) chunk[used++] = pollEntryFor(fd);
-        if (used == kPeekChunk || (fd == maxfd && used > 0)) {
-            if (::poll(chunk, used, 0) != 0) return true;
-            used = 0;
-        }
-    }
-    return false;
 }
 
 bool anySignalIsPending() {
@@ -183,40 +124,45 @@ bool anySignalIsPending() {
     return ::sigpending(&pending) == -1 || sigisemptyset(&pending) == 0;
 }
 
+// Makes room for so many descriptors; what is there stays. -1 with errno ENOMEM.
+int growTables(int newSize) {
+    // A lower limit keeps the larger tables: registrations above it may still be open descriptors.
+    if (newSize <= fdtablesize) return 0;
+    auto *grown = static_cast<FdTabEntry *>(
+        ::reallocarray(fdtab, static_cast<size_t>(newSize), sizeof(FdTabEntry)));
+    if (grown == nullptr) return -1;
+    fdtab = grown;
+    if (growReadyTables(fdtablesize, newSize) == -1) return -1;
+    for (int fd = fdtablesize; fd < newSize; ++fd)
+        fdtab[fd] = FdTabEntry{};
+    fdtablesize = newSize;
+    return 0;
+}
+
 }  // namespace
 
 int registerInput(int fd, SchedIOFunc func, void *arg) {
-    FdTabEntry *entry = tableEntry(fd);
-    if (entry == nullptr) return -1;
-    entry->inputFunc = func;
-    entry->inputArg = arg;
-    if (func == nullptr) clearDirection(fd, POLLIN);
-    noteRegistration(fd, func != nullptr);
-    return 0;
+    return setCallback(fd, kInput, func, arg);
 }
 
 int registerOutput(int fd, SchedIOFunc func, void *arg) {
-    FdTabEntry *entry = tableEntry(fd);
-    if (entry == nullptr) return -1;
-    entry->outputFunc = func;
-    entry->outputArg = arg;
-    if (func == nullptr) clearDirection(fd, POLLOUT);
-    noteRegistration(fd, func != nullptr);
-    return 0;
+    return setCallback(fd, kOutput, func, arg);
+}
+
+bool iosched_lib::hasInput(int fd, SchedIOFunc func, const void *arg) {
+    return hasCallback(fd, kInput, func, arg);
+}
+
+bool iosched_lib::hasOutput(int fd, SchedIOFunc func, const void *arg) {
+    return hasCallback(fd, kOutput, func, arg);
 }
 
 int disableSched(int fd) {
-    FdTabEntry *entry = tableEntry(fd);
-    if (entry == nullptr) return -1;
-    entry->flags = POLLIN | POLLOUT;
-    return 0;
+    return suspend(fd, POLLIN | POLLOUT);
 }
 
 int enableSched(int fd) {
-    FdTabEntry *entry = tableEntry(fd);
-    if (entry == nullptr) return -1;
-    entry->flags = 0;
-    return 0;
+    return suspend(fd, 0);
 }
 
 int iosched(int timeout) {
@@ -225,18 +171,18 @@ int iosched(int timeout) {
     int waitMs = toMilliseconds(timeout);
     if (runDelayedCallQueue() != 0) waitMs = 0;
     if (callRegisteredChildFuncs() != 0) waitMs = 0;
-    waitMs = shorterWait(waitMs, longestWaitForSignals());
+    if (runSignalsWithoutPipe()) waitMs = 0;
     armHeldBackTimers();
 
     const uint32_t generation = ++schedGen;
-    const int ready = pollWithSignals(waitMs);
-    const int pollError = errno;
-    if (ready > 0) dispatchReady(generation);
+    const int found = findReady(waitMs);
+    const int error = errno;
+    if (found > 0) dispatchReady(generation);
 
     SCHED_TRACE(SCHED_TRACE_LOOP, "leave, level=%d\n", schedNestingLevel);
     --schedNestingLevel;
-    if (ready == -1) errno = pollError;
-    return ready;
+    if (found == -1) errno = error;
+    return found;
 }
 
 int ioschedFd(int /*fd*/, int timeout) {
@@ -245,49 +191,25 @@ int ioschedFd(int /*fd*/, int timeout) {
 
 int iopeek(void) {
     armHeldBackTimers();  // what is due is pending then, as it would be for a pass
-    if (anySignalIsPending() || markIsWithoutByte()) return 1;
-    if (dispatchDepth > 0) return anythingReadyBesideWalk() ? 1 : 0;
-    if (!pollTabValid) rebuildPollTab();
-    return ::poll(polltab, static_cast<nfds_t>(polltabLength), 0) != 0 ? 1 : 0;
+    return anySignalIsPending() || markIsWithoutByte() || anythingReady() ? 1 : 0;
 }
 
 int ResizeSchedTable(void) {
-    const int newSize = descriptorLimit();
-    // A lower limit keeps the larger tables: registrations above it may still be open descriptors.
-    if (newSize <= fdtablesize) return 0;
-    auto *newFdtab = static_cast<FdTabEntry *>(
-        ::reallocarray(fdtab, static_cast<size_t>(newSize), sizeof(FdTabEntry)));
-    if (newFdtab == nullptr) return SCHED_ERR_SYSTEM;
-    fdtab = newFdtab;
-    auto *newPolltab = static_cast<pollfd *>(
-        ::reallocarray(polltab, static_cast<size_t>(newSize), sizeof(pollfd)));
-    if (newPolltab == nullptr) return SCHED_ERR_SYSTEM;
-    polltab = newPolltab;
-    for (int fd = fdtablesize; fd < newSize; ++fd)
-        fdtab[fd] = FdTabEntry{};
-    clearPollEntries(fdtablesize, newSize);
-    fdtablesize = newSize;
-    return 0;
+    return growTables(descriptorLimit()) == 0 ? 0 : SCHED_ERR_SYSTEM;
 }
 
-int initIosched(void) {
-    if (fdtab != nullptr) return ResizeSchedTable() == 0 ? 0 : -1;
+int iosched_lib::initIosched(void) {
+    if (fdtablesize > 0) return ResizeSchedTable() == 0 ? 0 : -1;
     int size = descriptorLimit();
     if (size > kMaxDescriptors) {
         const rlimit lower{kMaxDescriptors, kMaxDescriptors};
         if (::setrlimit(RLIMIT_NOFILE, &lower) == -1) return -1;
         size = descriptorLimit();
     }
-    HeapGuard<FdTabEntry> newFdtab(
-        static_cast<FdTabEntry *>(std::calloc(static_cast<size_t>(size), sizeof(FdTabEntry))));
-    if (newFdtab.get() == nullptr) return -1;
-    polltab = static_cast<pollfd *>(std::calloc(static_cast<size_t>(size), sizeof(pollfd)));
-    if (polltab == nullptr) return -1;
-    fdtab = newFdtab.release();
-    fdtablesize = size;
-    clearPollEntries(0, size);
-    return 0;
+    return growTables(size);
 }
 
 // The tables stay: registrations survive until the next start.
-void exitIosched(void) {}
+void iosched_lib::exitIosched(void) {
+    closeReadySets();
+}

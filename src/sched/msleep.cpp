@@ -10,7 +10,7 @@ void sleepdone(SchedTimer *t) {
 
 }  // namespace
 
-void sleepInLoop(int64_t ms) {
+void iosched_lib::sleepInLoop(int64_t ms) {
     if (ms == 0) {
         (void)iosched(0);
         return;
@@ -18,8 +18,13 @@ void sleepInLoop(int64_t ms) {
     int done = 0;
     SchedTimer timer{sleepdone, &done, ms, nullptr, 0};
     startTimer(&timer);
-    while (done == 0)
+    for (;;) {
+        // A callback may have let signals in. SIGALRM arriving between the look at the flag and the
+        // wait would then fire the timer here, and leave nothing to end the wait.
+        (void)disableSignals();
+        if (done != 0) return;
         (void)iosched(-1);  // -1 only says that a signal came, most likely this timer's
+    }
 }
 
 int msleep(unsigned int ms) {

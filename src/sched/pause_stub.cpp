@@ -1,5 +1,5 @@
-// A `pause` that does not wait. A server that waits in libc's serves nobody meanwhile: ZORpause() runs
-// the loop instead. Fails at once and leaves errno alone.
+// A `pause` that does not wait. A server that waits in libc's serves nobody meanwhile: ZORpause()
+// runs the loop instead. Fails at once and leaves errno alone.
 
 #include "support/link_warning.h"
 

@@ -2,8 +2,11 @@
 #pragma once
 
 #include "iosched/sched.h"
+#include "support/guards.h"
 
 #include <signal.h>
+
+namespace iosched_lib {
 
 // ---- iosched_trace.cpp ----
 
@@ -20,11 +23,18 @@ extern int schedTraceLevel;
 
 // ---- iosched_unix.cpp ----
 
-// Non-zero exactly while a pass waits in poll with signals unblocked; the signal handler reads it.
-extern volatile sig_atomic_t inIOSched;
-
 int initIosched(void);
 void exitIosched(void);
+
+// ---- ready.cpp ----
+
+// Non-zero exactly while a pass asks or waits for ready descriptors: a signal that gets through
+// then is left to the loop. The signal handler reads it.
+extern volatile sig_atomic_t inIOSched;
+
+// Whether a descriptor's input or output callback is this one with this argument.
+bool hasInput(int fd, SchedIOFunc func, const void *arg);
+bool hasOutput(int fd, SchedIOFunc func, const void *arg);
 
 // ---- delayed.cpp ----
 
@@ -38,26 +48,30 @@ extern sigset_t cursigmask;  // the signals that have a callback: the mask every
 int initSignals(void);
 void exitSignals(void);
 
-// While held (calls nest), a caught signal that gets through is marked and left to the next pass
-// instead of running its callback inside the signal handler.
-void holdSignalCallbacks(void);
-void releaseSignalCallbacks(void);
+// While held, a caught signal that gets through is marked and left to the next pass instead of
+// running its callback inside the signal handler.
+void holdSignalCallbacks(bool hold);
+
+// True when the thread's mask is the loop's own, so that a pass need not set it.
+bool loopMaskStands();
 
 // In a child made by ioFork: replaces the inherited self-pipe. On failure the child has none, and
-// each of its passes tries again (longestWaitForSignals). 0, or -1 with errno.
+// each of its passes tries again (runSignalsWithoutPipe). 0, or -1 with errno.
 int afterForkChildSelfPipe(void);
 
-// Called by each pass: how many milliseconds it may wait without missing a signal, -1 for no limit.
-// While the self-pipe is lost, this tries to make it, and where that fails runs the callbacks of the
-// signals that have arrived.
-int longestWaitForSignals(void);
+// Called by each pass. While the self-pipe is lost, tries to make it, and where that fails runs the
+// callbacks of the signals that have arrived. True when it ran any.
+bool runSignalsWithoutPipe();
 
 // True when a signal has arrived that no byte in a self-pipe tells of.
 bool markIsWithoutByte(void);
 
-// For a child about to execute a program: gives every signal that has a handler, the library's or the
-// program's own, back to its default action as exec does, so that no code of the parent can run in
-// the child. All signals are to be blocked around it.
+// Moves a descriptor of the library's own away from the standard ones, which are the program's.
+bool moveAboveStandardFds(FdGuard *fd);
+
+// For a child about to execute a program: gives every signal that has a handler, the library's or
+// the program's own, back to its default action as exec does, so that no code of the parent can run
+// in the child. All signals are to be blocked around it.
 void forgetCaughtSignalsInChild(void);
 
 // ---- timer.cpp ----
@@ -72,3 +86,7 @@ void armHeldBackTimers(void);
 
 // Runs passes until ms milliseconds are over; one pass without waiting for 0.
 void sleepInLoop(int64_t ms);
+
+}  // namespace iosched_lib
+
+using namespace iosched_lib;

@@ -8,22 +8,26 @@
 
 #include "sched/sched_internal.h"
 
-#include "support/guards.h"
+#include "sched/ready_internal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
-sigset_t emptymask;
-sigset_t cursigmask;
+sigset_t iosched_lib::emptymask;
+sigset_t iosched_lib::cursigmask;
 
 namespace {
 
 constexpr int kSignalSlots = 65;  // indexed by signal number; slot 0 is never used
 constexpr int kFirstFreeFd = 3;   // the standard descriptors stay the program's
 constexpr size_t kDrainBytes = 512;
-constexpr int kLostPipeWaitMs = 100;  // how soon a pass without a self-pipe looks again
+constexpr size_t kKernelSetBytes = 8;  // of a sigset_t, what the kernel fills in
+constexpr int kTrustAfter = 16;        // looks that find the mask right, for each pass without one
+constexpr int kLongestTrust = 64;      // passes
 
 // Read by the handler, hence volatile.
 struct SignalSlot {
@@ -36,8 +40,13 @@ SignalSlot handlers[kSignalSlots];
 int sigNotiPipe[2] = {-1, -1};
 // Every signal but those that a fault of the program raises: blocked while the handler runs.
 sigset_t fullmask;
-// Above 0: the handler leaves callbacks to the loop although no pass is waiting.
+// Not 0: the handler leaves callbacks to the loop although no pass is waiting.
 volatile sig_atomic_t signalsHeld = 0;
+// Whether cursigmask was the last mask that this module gave the thread.
+volatile sig_atomic_t maskIsLoops = 0;
+// How many looks in a row have found it still there, and the passes until the next look.
+int maskTrust = 0;
+int passesOnTrust = 0;
 // This process lost its self-pipe to a fork and could not make another one yet.
 bool pipeLost = false;
 
@@ -100,16 +109,10 @@ void selfPipeSigHandler(int sig) {
     }
     handlers[sig].pending = 0;
     const SchedSignalFunc func = handlers[sig].func;
+    // Not the loop's mask here, nor after the return, whatever a pass inside does.
+    maskIsLoops = 0;
     if (func != nullptr) func(sig);
-}
-
-// Moves one end above the standard descriptors.
-bool moveAboveStandardFds(FdGuard *end) {
-    if (end->get() >= kFirstFreeFd) return true;
-    const int moved = ::fcntl(end->get(), F_DUPFD_CLOEXEC, kFirstFreeFd);
-    if (moved == -1) return false;
-    end->reset(moved);
-    return true;
+    maskIsLoops = 0;
 }
 
 int createSelfPipe() {
@@ -127,10 +130,11 @@ int createSelfPipe() {
 }
 
 void closeSelfPipe() {
-    if (sigNotiPipe[0] < 0) return;
-    (void)registerInput(sigNotiPipe[0], nullptr, nullptr);  // in range: it was registered
-    (void)::close(sigNotiPipe[0]);
-    (void)::close(sigNotiPipe[1]);
+    const FdGuard readEnd(sigNotiPipe[0]), writeEnd(sigNotiPipe[1]);
+    if (readEnd.get() < 0) return;
+    (void)registerInput(readEnd.get(), nullptr, nullptr);  // in range: it was registered
+    // Forgotten before they are closed: a signal in between would write into a pipe without a
+    // reader, or into whatever gets the number next.
     sigNotiPipe[0] = sigNotiPipe[1] = -1;
 }
 
@@ -163,6 +167,7 @@ SchedSignalFunc catchSignal(int sig, SchedSignalFunc handler) {
         (void)disableSignals();
         if (!installHandler(sig, selfPipeSigHandler, &previous)) return SIG_ERR;
         handlers[sig].func = handler;
+        noteCaughtSignals();
         return previous;
     }
     if (!installHandler(sig, handler, &previous)) return SIG_ERR;
@@ -170,35 +175,62 @@ SchedSignalFunc catchSignal(int sig, SchedSignalFunc handler) {
     handlers[sig].pending = 0;
     (void)sigdelset(&cursigmask, sig);
     (void)disableSignals();
+    noteCaughtSignals();
     return previous;
 }
 
 int enableSignals(void) {
+    maskIsLoops = 0;
     return setSignalMask(&emptymask);
 }
 
 int disableSignals(void) {
-    return setSignalMask(&cursigmask);
+    const int error = setSignalMask(&cursigmask);
+    maskIsLoops = error == 0 ? 1 : 0;
+    return error;
 }
 
-void holdSignalCallbacks(void) {
-    signalsHeld = signalsHeld + 1;
+// A mask that somebody set past this module shows only in a look at it, which costs a system call.
+// So passes look at every turn at first, and less often the longer nobody has done such a thing.
+bool iosched_lib::loopMaskStands() {
+    if (maskIsLoops == 0) return false;
+    if (passesOnTrust > 0) {
+        --passesOnTrust;
+        return true;
+    }
+    sigset_t now;
+    (void)sigemptyset(&now);
+    (void)::pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    for (const int sig :
+         {SIGKILL, SIGSTOP})  // in the set by a call that failed; the system blocks neither
+        if (sigismember(&cursigmask, sig) == 1) (void)sigaddset(&now, sig);
+    const bool stands = std::memcmp(&now, &cursigmask, kKernelSetBytes) == 0;
+    maskTrust = stands ? std::min(maskTrust + 1, kTrustAfter * kLongestTrust) : 0;
+    passesOnTrust = maskTrust / kTrustAfter;
+    return stands;
 }
 
-void releaseSignalCallbacks(void) {
-    signalsHeld = signalsHeld - 1;
+void iosched_lib::holdSignalCallbacks(bool hold) {
+    signalsHeld = hold ? 1 : 0;
 }
 
-int longestWaitForSignals(void) {
-    if (!pipeLost || createSelfPipe() == 0) return -1;
-    return callPendingSignals() ? 0 : kLostPipeWaitMs;
+bool iosched_lib::runSignalsWithoutPipe() {
+    return pipeLost && createSelfPipe() == -1 && callPendingSignals();
 }
 
-bool markIsWithoutByte(void) {
+bool iosched_lib::moveAboveStandardFds(FdGuard *fd) {
+    if (fd->get() >= kFirstFreeFd) return true;
+    const int moved = ::fcntl(fd->get(), F_DUPFD_CLOEXEC, kFirstFreeFd);
+    if (moved == -1) return false;
+    fd->reset(moved);
+    return true;
+}
+
+bool iosched_lib::markIsWithoutByte(void) {
     return pipeLost && callbackIsWaiting();
 }
 
-int afterForkChildSelfPipe(void) {
+int iosched_lib::afterForkChildSelfPipe(void) {
     if (sigNotiPipe[0] < 0 && !pipeLost) return 0;  // not started: nothing to replace
     closeSelfPipe();
     if (createSelfPipe() == 0) return 0;
@@ -206,7 +238,7 @@ int afterForkChildSelfPipe(void) {
     return -1;
 }
 
-void forgetCaughtSignalsInChild(void) {
+void iosched_lib::forgetCaughtSignalsInChild(void) {
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
     for (int sig = 1; sig < kSignalSlots; ++sig) {
@@ -216,17 +248,19 @@ void forgetCaughtSignalsInChild(void) {
     }
 }
 
-int initSignals(void) {
+int iosched_lib::initSignals(void) {
+    closeSelfPipe();  // there is one when an earlier start failed in a later module
+    // Before the sets: a second start that fails here must leave the caught signals held back.
+    if (createSelfPipe() == -1) return -1;
     (void)sigemptyset(&emptymask);
     (void)sigemptyset(&cursigmask);
     (void)sigfillset(&fullmask);
     for (const int fault : {SIGILL, SIGTRAP, SIGABRT, SIGFPE, SIGBUS, SIGSEGV, SIGSYS})
         (void)sigdelset(&fullmask, fault);
-    closeSelfPipe();  // there is one when an earlier start failed in a later module
-    return createSelfPipe();
+    return 0;
 }
 
-void exitSignals(void) {
+void iosched_lib::exitSignals(void) {
     closeSelfPipe();
     pipeLost = false;
 }

@@ -1,16 +1,22 @@
 // Timers: many one-shot timers on the process's one interval timer.
 //
-// Running timers stand in a list sorted by expiry; the interval timer is armed for the head, and its
-// SIGALRM reaches alarmHandler as a loop event. While a run of the handler is active nothing arms
-// the interval timer: the run does it once, at its end. But a callback of the run may wait, in
-// passes of its own, for timers that only the interval timer can bring. What the run holds back is
-// therefore noted, and a pass that is about to wait arms it; SIGALRM then starts a run inside the
-// run. Without that, a sleep in a timer's callback would never end.
+// Running timers stand in a heap by expiry and order of starting; the interval timer is armed for
+// the first, and its SIGALRM reaches alarmHandler as a loop event. While a run of the handler is
+// active nothing arms the interval timer: the run does it once, at its end. But a callback of the
+// run may wait, in passes of its own, for timers that only the interval timer can bring. What the
+// run holds back is therefore noted, and a pass that is about to wait arms it; SIGALRM then starts
+// a run inside the run. Without that, a sleep in a timer's callback would never end.
+//
+// Starting a timer never fails. Where the heap finds no memory, timers go to a sorted list behind
+// it, and so do all that follow until the list is empty again: so the timers of the list are
+// younger than those of the heap, and of two that are due together the heap's is first.
 
 #include "sched/sched_internal.h"
 
 #include "iosched/procs.h"
+#include "support/quad_heap.h"
 
+#include <bit>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -23,28 +29,68 @@ namespace {
 constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kUsPerMs = 1000;
-// The interval timer is never armed for longer (three years); alarmHandler arms it again.
-constexpr int64_t kLongestAlarmMs = 100000000 * kMsPerSecond;
 
-// Sorted by expires; ties in the order of starting. A timer runs exactly while it is in here: the
-// library's fields of a record prove nothing, since it may come with anything in them.
+// A running timer; the record's link holds its place. The library's fields of a record prove
+// nothing, since it may come with anything in them: a timer runs exactly while the entry at that
+// place is its own, or it is in the list.
+struct TimerEntry {
+    int64_t expires;
+    uint64_t sequence;  // of starting
+    SchedTimer *timer;
+
+    bool before(const TimerEntry &other) const {
+        const bool isYounger = sequence >= other.sequence;
+        return (expires < other.expires) | ((expires == other.expires) & !isYounger);
+    }
+    void setPlace(size_t place) const { timer->next = std::bit_cast<SchedTimer *>(place); }
+};
+
+constinit QuadHeap<TimerEntry> timerHeap;
+// The timers that found no room in the heap, sorted by expires, ties in the order of starting.
 SchedTimer *timerRoot = nullptr;
+// Timers started so far.
+uint64_t startCount = 0;
 // Set while alarmHandler fires timers.
 bool inalarm = false;
-// The interval timer may not be armed for the head: a run of alarmHandler will do it, or the next
-// pass inside that run.
+// True while the interval timer is perhaps not set for the first timer: alarmHandler, or the next
+// pass inside it, will set it.
 bool alarmHeldBack = false;
-// Passes inside a run that armed the interval timer; tells the run that its own time is out of date.
+// Counts arms by passes nested in alarmHandler. If it changed, a callback waited: read the clock
+// again. One variable for the time would not do: two readings in one millisecond are the same.
 unsigned int nestedArmings = 0;
 
-// Where the link to t stands, or null when t is not running.
+constexpr size_t kNotInHeap = SIZE_MAX;
+
+size_t placeInHeap(const SchedTimer *t) {
+    const auto place = reinterpret_cast<uintptr_t>(t->next);
+    return place < timerHeap.size() && timerHeap.at(place).timer == t ? place : kNotInHeap;
+}
+
+// Where the list's link to t stands, or null when t is not in the list.
 SchedTimer **findLink(const SchedTimer *t) {
     for (SchedTimer **link = &timerRoot; *link != nullptr; link = &(*link)->next)
         if (*link == t) return link;
     return nullptr;
 }
 
+// The next timer to fire, or null.
+SchedTimer *firstTimer() {
+    if (timerHeap.size() == 0) return timerRoot;
+    SchedTimer *first = timerHeap.first().timer;
+    return timerRoot != nullptr && timerRoot->expires < timerHeap.first().expires ? timerRoot
+                                                                                  : first;
+}
+
+bool isRunning(const SchedTimer *t) {
+    return placeInHeap(t) != kNotInHeap || findLink(t) != nullptr;
+}
+
 bool removeTimer(SchedTimer *t) {
+    const size_t place = placeInHeap(t);
+    if (place != kNotInHeap) {
+        timerHeap.remove(place);
+        return true;
+    }
     SchedTimer **link = findLink(t);
     if (link == nullptr) return false;
     *link = t->next;
@@ -56,15 +102,22 @@ int64_t expiryAfter(int64_t now, int64_t interval) {
     return interval > INT64_MAX - now ? INT64_MAX : now + interval;
 }
 
-// Gives t its expiry and its place. Returns the time that the expiry is counted from.
-int64_t startTimerPriv(SchedTimer *t) {
-    const int64_t now = getAbsMonoTime();
-    t->expires = expiryAfter(now, t->interval);
+void insertIntoList(SchedTimer *t) {
     SchedTimer **link = &timerRoot;
     while (*link != nullptr && (*link)->expires <= t->expires)
         link = &(*link)->next;
     t->next = *link;
     *link = t;
+}
+
+// Gives t its expiry and its place. Returns the time that the expiry is counted from.
+int64_t startTimerPriv(SchedTimer *t) {
+    const int64_t now = getAbsMonoTime();
+    t->expires = expiryAfter(now, t->interval);
+    if (timerRoot == nullptr && timerHeap.reserve())
+        timerHeap.insert({t->expires, startCount++, t});
+    else
+        insertIntoList(t);
     return now;
 }
 
@@ -75,32 +128,34 @@ void setIntervalTimer(int64_t ms) {
     (void)::setitimer(ITIMER_REAL, &value, nullptr);  // fails only for values out of range
 }
 
-// Arms the interval timer for the head of the list, whatever run is active.
-void armForHead(int64_t now) {
+// Arms the interval timer for the first timer, whatever run is active.
+void armForFirst(int64_t now) {
     alarmHeldBack = false;
-    if (timerRoot == nullptr) {
+    const SchedTimer *first = firstTimer();
+    if (first == nullptr) {
         stopAllTimers();
         return;
     }
-    const int64_t delta = timerRoot->expires - now;
+    const int64_t delta = first->expires - now;
     if (delta <= 0)
         (void)::kill(::getpid(), SIGALRM);
     else
-        setIntervalTimer(delta < kLongestAlarmMs ? delta : kLongestAlarmMs);
+        setIntervalTimer(delta);
 }
 
 void setAlarm(int64_t now) {
     if (inalarm)
         alarmHeldBack = true;
     else
-        armForHead(now);
+        armForFirst(now);
 }
 
-// Fires the timers that are due at now; each is off the list when its callback runs.
+// Fires the timers that are due at now; each is no longer running when its callback is called.
 void fireDueTimers(int64_t now) {
-    while (timerRoot != nullptr && timerRoot->expires <= now) {
-        SchedTimer *t = timerRoot;
-        timerRoot = t->next;
+    for (;;) {
+        SchedTimer *t = firstTimer();
+        if (t == nullptr || t->expires > now) return;
+        (void)removeTimer(t);
         if (t->func != nullptr) t->func(t);  // may start it again, or free it
     }
 }
@@ -116,15 +171,15 @@ void alarmHandler(int /*sig*/) {
     fireDueTimers(now);
     inalarm = insideRun;
     const bool armedMeanwhile = nestedArmings != armingsBefore;
-    if (timerRoot == nullptr && !armedMeanwhile)
+    if (firstTimer() == nullptr && !armedMeanwhile)
         alarmHeldBack = false;  // nothing to arm, and nothing is armed
     else
-        armForHead(armedMeanwhile ? getAbsMonoTime() : now);
+        armForFirst(armedMeanwhile ? getAbsMonoTime() : now);
 }
 
-// The interval timer is not inherited, the list is.
+// The interval timer is not inherited, the timers are.
 void timerFork(void * /*arg*/, int phase, int /*value*/) {
-    if (phase == FORK_CHILD && timerRoot != nullptr) setAlarm(getAbsMonoTime());
+    if (phase == FORK_CHILD && firstTimer() != nullptr) setAlarm(getAbsMonoTime());
 }
 
 }  // namespace
@@ -136,38 +191,39 @@ int64_t getAbsMonoTime(void) {
 }
 
 void startTimer(SchedTimer *timer) {
-    if (findLink(timer) != nullptr) std::abort();
+    if (isRunning(timer)) std::abort();
     const int64_t now = startTimerPriv(timer);
-    if (timerRoot == timer) setAlarm(now);
+    if (firstTimer() == timer) setAlarm(now);
 }
 
 int restartTimer(SchedTimer *timer) {
-    const bool wasHead = timerRoot == timer;
+    const bool wasFirst = firstTimer() == timer;
     const bool wasRunning = removeTimer(timer);
     const int64_t now = startTimerPriv(timer);
-    if (wasHead || timerRoot == timer) setAlarm(now);
+    if (wasFirst || firstTimer() == timer) setAlarm(now);
     return wasRunning ? 1 : 0;
 }
 
 int stopTimer(SchedTimer *timer) {
-    const bool wasHead = timerRoot == timer;
+    const bool wasFirst = firstTimer() == timer;
     const bool wasRunning = removeTimer(timer);
-    if (wasHead) setAlarm(getAbsMonoTime());
+    if (wasFirst) setAlarm(getAbsMonoTime());
     return wasRunning ? 1 : 0;
 }
 
 void stopAllTimers(void) {
     setIntervalTimer(0);
+    timerHeap.clear();
     timerRoot = nullptr;
 }
 
-void armHeldBackTimers(void) {
+void iosched_lib::armHeldBackTimers(void) {
     if (!alarmHeldBack) return;
     ++nestedArmings;
-    armForHead(getAbsMonoTime());
+    armForFirst(getAbsMonoTime());
 }
 
-int initTimers(void) {
+int iosched_lib::initTimers(void) {
     if (catchSignal(SIGALRM, alarmHandler) == SIG_ERR) return -1;
     return registerFork(timerFork, nullptr);
 }

@@ -1,5 +1,5 @@
-// A `usleep` that does not sleep. A server that sleeps in libc's serves nobody meanwhile: ZORusleep()
-// runs the loop instead. Returns success at once.
+// A `usleep` that does not sleep. A server that sleeps in libc's serves nobody meanwhile:
+// ZORusleep() runs the loop instead. Returns success at once.
 
 #include "support/link_warning.h"
 

@@ -1,8 +1,8 @@
 // Named, reference-counted chunks in an arena's heap.
 //
 // The blocks of two lists tile the heap: the free list in address order, never with two neighbours
-// in a row, and the allocated list with the newest block first. All state lies in the arena, so every
-// process sees it at once, and every process can have damaged it. Nothing read from there is
+// in a row, and the allocated list with the newest block first. All state lies in the arena, so
+// every process sees it at once, and every process can have damaged it. Nothing read from there is
 // followed unchecked: blockAt() lets through only a block that lies inside the heap, and a walk
 // takes no more steps than the heap has room for blocks, so that a cycle ends it.
 
@@ -16,7 +16,7 @@
 
 namespace {
 
-// What the trace calls a chunk without a name.
+// What the trace calls a chunk without a name that could be shown.
 constexpr const char *kNoName = "?";
 
 // The block at an offset, or null when none can be there.
@@ -33,7 +33,8 @@ char *dataOf(BlockHeader *block) {
     return reinterpret_cast<char *>(block) + sizeof(BlockHeader);
 }
 
-// Bytes of the block behind its name's first byte, that one included; 0 when the name is elsewhere.
+// Bytes from the name's first byte to the block's end; 0 if the name does not start inside the
+// block.
 uint64_t roomForName(uint64_t offset, const BlockHeader *block) {
     const uint64_t begin = offset + sizeof(BlockHeader);
     const uint64_t end = offset + block->blockSize;
@@ -44,13 +45,12 @@ const char *nameAddress(const SharedArena *arena, const BlockHeader *block) {
     return static_cast<const char *>(arena->base) + block->name;
 }
 
-// The name of an allocated block, kNoName when it has none, or null when it is damaged.
-const char *storedName(const SharedArena *arena, uint64_t offset, const BlockHeader *block) {
-    if (block->name == 0) return kNoName;
-    const uint64_t room = roomForName(offset, block);
-    if (room == 0) return nullptr;
+// The name of an allocated block for the trace; kNoName when it has none, or a damaged one.
+const char *storedName(const SharedArena *arena, const BlockHeader *block) {
+    const uint64_t room = roomForName(arenaOffset(arena, block), block);
+    if (room == 0) return kNoName;
     const char *name = nameAddress(arena, block);
-    return std::memchr(name, '\0', room) != nullptr ? name : nullptr;
+    return std::memchr(name, '\0', room) != nullptr ? name : kNoName;
 }
 
 // The block whose data is at the address, or null when no chunk can be there.
@@ -91,9 +91,11 @@ private:
     bool damaged_ = false;
 };
 
-// Finds an allocated chunk by its name: 0, SHARED_ERR_NOTFOUND or SHARED_ERR_CORRUPT.
-uint32_t findChunk(const SharedArena *arena, const char *name, BlockHeader **found) {
-    const size_t bytes = std::strlen(name) + 1;
+// Finds an allocated chunk by its name of so many bytes, NUL included: 0, SHARED_ERR_NOTFOUND or
+// SHARED_ERR_CORRUPT. No name finds nothing.
+uint32_t findChunk(const SharedArena *arena, const char *name, uint64_t bytes,
+                   BlockHeader **found) {
+    if (name == nullptr) return SHARED_ERR_NOTFOUND;
     BlockWalk walk(arena, &arenaHeader(arena)->allocatedList);
     while (BlockHeader *block = walk.next()) {
         if (block->name == 0) continue;
@@ -106,11 +108,10 @@ uint32_t findChunk(const SharedArena *arena, const char *name, BlockHeader **fou
     return walk.damaged() ? SHARED_ERR_CORRUPT : SHARED_ERR_NOTFOUND;
 }
 
-// Bytes of a block for such a chunk. A size that no block of the arena can have stands for all that
-// would wrap on the way.
-uint64_t neededBlockSize(const SharedArena *arena, uint64_t chunkSize, const char *name) {
+// Bytes of a block for such a chunk. A chunk larger than the arena is returned as is: no block has
+// that size, and adding to it could wrap.
+uint64_t neededBlockSize(const SharedArena *arena, uint64_t chunkSize, uint64_t nameBytes) {
     if (chunkSize > arena->mapLength) return chunkSize;
-    const uint64_t nameBytes = name != nullptr ? std::strlen(name) + 1 : 0;
     const uint64_t bytes = sizeof(BlockHeader) + chunkSize + nameBytes;
     return (bytes + kBlockAlignment - 1) / kBlockAlignment * kBlockAlignment;
 }
@@ -121,8 +122,8 @@ struct FreeBlock {
     BlockHeader *block;
 };
 
-// Chooses where a block of the needed size goes: the first that fits exactly, else the smallest of the
-// larger ones, the first of that size. 0, SHARED_ERR_NOSPACE or SHARED_ERR_CORRUPT.
+// Chooses where a block of the needed size goes: the first that fits exactly, else the smallest of
+// the larger ones, the first of that size. 0, SHARED_ERR_NOSPACE or SHARED_ERR_CORRUPT.
 uint32_t chooseFreeBlock(const SharedArena *arena, uint64_t needed, FreeBlock *chosen) {
     FreeBlock best{nullptr, nullptr};
     uint64_t lastEnd = kHeapOffset;
@@ -157,7 +158,8 @@ void takeFreeBlock(FreeBlock chosen, uint64_t needed) {
 }
 
 // Fills in a block taken off the free list and puts it at the head of the allocated list.
-void makeChunk(const SharedArena *arena, BlockHeader *block, uint64_t size, const char *name) {
+void makeChunk(const SharedArena *arena, BlockHeader *block, uint64_t size, const char *name,
+               uint64_t nameBytes) {
     ArenaHeader *header = arenaHeader(arena);
     block->chunkSize = size;
     block->name = 0;
@@ -165,11 +167,12 @@ void makeChunk(const SharedArena *arena, BlockHeader *block, uint64_t size, cons
     block->padding = 0;
     if (name != nullptr) {
         char *place = dataOf(block) + size;
-        std::memcpy(place, name, std::strlen(name) + 1);
+        std::memcpy(place, name, nameBytes);
         block->name = arenaOffset(arena, place);
     }
     std::memset(dataOf(block), 0, size);
     block->next = header->allocatedList;
+    keepStoreOrder();  // the block is whole
     header->allocatedList = arenaOffset(arena, block);
 }
 
@@ -178,6 +181,7 @@ bool unlinkAllocated(const SharedArena *arena, const BlockHeader *wanted) {
     while (BlockHeader *block = walk.next()) {
         if (block != wanted) continue;
         *walk.link() = block->next;
+        keepStoreOrder();  // from here on the block's own link may change
         return true;
     }
     return false;
@@ -224,29 +228,35 @@ uint32_t insertFreeBlock(const SharedArena *arena, BlockHeader *block) {
 
 uint32_t AllocateSharedChunk(SharedArena *arena, const char *name, uint64_t *size, void **chunk,
                              uint32_t *created) {
+    // A bad pointer of the caller's ends it here, where it holds nothing yet. Who creates a chunk
+    // gets its address while holding the mutex, so that place is tried too.
     *created = 0;
+    const uint64_t wanted = *size;
+    const uint64_t nameBytes = name != nullptr ? std::strlen(name) + 1 : 0;
+    *static_cast<void *volatile *>(chunk) = *static_cast<void *volatile *>(chunk);
+
     SharedMutexGuard lock(&arenaHeader(arena)->lock);
     if (lock.result() != 0) return lock.result();
-
     BlockHeader *existing = nullptr;
-    const uint32_t lookup =
-        name != nullptr ? findChunk(arena, name, &existing) : SHARED_ERR_NOTFOUND;
+    const uint32_t lookup = findChunk(arena, name, nameBytes, &existing);
     if (lookup == 0) {
         ++existing->references;
         SCHED_TRACE(SCHED_TRACE_CHUNKS, "AllocateSharedChunk(%s): refs=%d\n",
                     nameAddress(arena, existing), static_cast<int>(existing->references));
-        *size = existing->chunkSize;
+        const uint64_t found = existing->chunkSize;
+        lock.release();
+        *size = found;
         *chunk = dataOf(existing);
         return 0;
     }
-    if (lookup != SHARED_ERR_NOTFOUND || *size == 0) return lookup;
+    if (lookup != SHARED_ERR_NOTFOUND || wanted == 0) return lookup;
 
-    const uint64_t needed = neededBlockSize(arena, *size, name);
+    const uint64_t needed = neededBlockSize(arena, wanted, nameBytes);
     FreeBlock chosen;
     const uint32_t result = chooseFreeBlock(arena, needed, &chosen);
     if (result != 0) return result;
     takeFreeBlock(chosen, needed);
-    makeChunk(arena, chosen.block, *size, name);
+    makeChunk(arena, chosen.block, wanted, name, nameBytes);
 
     *chunk = dataOf(chosen.block);
     *created = 1;
@@ -263,14 +273,13 @@ uint32_t FreeSharedChunk(SharedArena *arena, void *chunk) {
 
     BlockHeader *block = blockOfChunk(arena, chunk);
     if (block == nullptr || block->references == 0) return SHARED_ERR_CORRUPT;
-    const char *name = storedName(arena, arenaOffset(arena, block), block);
-    if (name == nullptr) return SHARED_ERR_CORRUPT;
-
+    const char *name = storedName(arena, block);
     --block->references;
     SCHED_TRACE(SCHED_TRACE_CHUNKS, "FreeSharedChunk(%s): refs=%d\n", name,
                 static_cast<int>(block->references));
     if (block->references != 0) return 0;
 
+    keepStoreOrder();  // or a death here could leave a reference to a chunk that nobody finds
     block->name = 0;
     if (!unlinkAllocated(arena, block)) return SHARED_ERR_CORRUPT;
     return insertFreeBlock(arena, block);

@@ -1,10 +1,10 @@
 // Arenas: files that server processes map into their memory together.
 //
-// flock locks say who uses the file: a shared one for every open handle, an exclusive one only while
-// the file is initialised or deleted. That alone is not enough, for three reasons:
+// flock locks say who uses the file: a shared one for every open handle, an exclusive one only
+// while the file is initialised or deleted. That alone is not enough, for three reasons:
 //
 // - Between open and flock another process may delete the file. A lock counts only once the locked
-//   file is seen, under the lock, to be the one at the path (lockedFileIsAtPath). From then on it
+//   file is seen, under the lock, to be the one at the path (checkLockedFile). From then on it
 //   stays there: whoever deletes a file holds it exclusively, and has checked the same thing.
 // - Turning the exclusive lock into a shared one gives it up for a moment, in which another process
 //   may delete the file or initialise it again with another size. So a creator, once it has the
@@ -12,10 +12,9 @@
 // - A creator whose exclusive lock is refused attaches, and may find that the other process is an
 //   attacher of a file that nobody has initialised yet. It lets go and tries again for a while.
 //
-// What no process does is to write through, or cut, a file that it does not hold: so a mapping that a
-// caller has been given is never cut. A creator that is killed leaves a file without magic or a whole
-// arena (in the last of these, for two instructions, with the header mutex locked); either way the
-// next creator that finds nobody else initialises it again.
+// Nobody writes to or truncates a file without holding its lock, so an open handle's mapping never
+// shrinks. A killed creator leaves no magic, or a whole arena (in a window of two instructions with
+// its mutex locked).
 
 #include "shared/shared_internal.h"
 
@@ -26,6 +25,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -34,16 +34,16 @@ namespace {
 // a file system whose paths and descriptors never agree.
 constexpr int kMaxStarts = 1000;
 
-// How long a creator waits for a file that is in use and not initialised. An attacher that finds it
-// so holds its lock for microseconds.
+// How long a creator waits for a file that is in use and not initialised yet. An attacher that
+// finds it so holds its lock for microseconds.
 constexpr int kNotReadyTries = 500;
 constexpr timespec kNotReadyPause{0, 1000000};
 
 // Beside the public result codes: the locked file is not the one at the path.
 constexpr uint32_t kStartOver = 1;
 
-// The handle as it is allocated. The mapping keeps the file's inode from being used again, so device
-// and inode identify the mapped file for as long as the handle is open.
+// The handle as it is allocated. The mapping keeps the file's inode from being used again, so
+// device and inode identify the mapped file for as long as the handle is open.
 struct ArenaRecord {
     SharedArena arena;
     bool sizeIsTooLarge;  // what was asked for cannot be rounded up to whole pages
@@ -99,22 +99,28 @@ int mapArena(SharedArena *arena) {
                   &offset, &arena->mapAddress, &arena->base);
 }
 
-// To be asked only while a lock on the descriptor is held; any answer is stale without one.
-bool lockedFileIsAtPath(int fd, const char *path) {
+// 0, or kStartOver when the locked file is not the one at the path, or SCHED_ERR_SYSTEM when that
+// cannot be told. To be asked only while a lock on the descriptor is held; any answer is stale
+// without one.
+uint32_t checkLockedFile(int fd, const char *path) {
     struct stat locked, named;
-    return ::fstat(fd, &locked) == 0 && ::stat(path, &named) == 0 &&
-           locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
+    if (::fstat(fd, &locked) < 0) return SCHED_ERR_SYSTEM;
+    if (::stat(path, &named) < 0) return errno == ENOENT ? kStartOver : SCHED_ERR_SYSTEM;
+    return locked.st_dev == named.st_dev && locked.st_ino == named.st_ino ? 0 : kStartOver;
 }
 
-// Under the exclusive lock. Leaves nothing mapped: what it wrote holds only until the lock is turned
-// into a shared one, and attachFile() maps what is there then.
-uint32_t initialiseFile(SharedArena *arena) {
-    // attachFile() asks again; here it saves filling a file that is gone, perhaps without success.
-    if (!lockedFileIsAtPath(arena->descriptor, arena->path)) return kStartOver;
-    if (recordOf(arena)->sizeIsTooLarge) {
-        errno = EINVAL;  // nor is the file to be emptied for it
-        return SCHED_ERR_SYSTEM;
-    }
+// 0, or the errno value of a size that no file can be given here. Asked before the old contents go;
+// a write beyond the limit on a file's size would also end the process, with SIGXFSZ.
+int sizeError(const SharedArena *arena) {
+    if (recordOf(arena)->sizeIsTooLarge) return EINVAL;
+    rlimit limit;
+    if (::getrlimit(RLIMIT_FSIZE, &limit) < 0) return errno;
+    return arena->size > limit.rlim_cur ? EFBIG : 0;
+}
+
+// Leaves nothing mapped: what it wrote holds only until the lock is turned into a shared one, and
+// attachFile() maps what is there then.
+uint32_t fillFile(SharedArena *arena) {
     if (writeEmptyArenaFile(arena->descriptor, arena->size) < 0) return SCHED_ERR_SYSTEM;
     if (mapArena(arena) < 0) return SCHED_ERR_SYSTEM;
     const uint32_t result = initialiseArenaHeader(arena);
@@ -122,23 +128,44 @@ uint32_t initialiseFile(SharedArena *arena) {
     return result;
 }
 
+// Under the exclusive lock.
+uint32_t initialiseFile(SharedArena *arena) {
+    // attachFile() asks again; here it saves filling a file that is gone, perhaps without success.
+    if (const uint32_t failed = checkLockedFile(arena->descriptor, arena->path)) return failed;
+    if (const int error = sizeError(arena)) {
+        errno = error;
+        return SCHED_ERR_SYSTEM;
+    }
+    // First of all this takes the magic away: whoever is killed from here on leaves no arena
+    // behind.
+    if (::ftruncate(arena->descriptor, 0) < 0) return SCHED_ERR_SYSTEM;
+    const uint32_t result = fillFile(arena);
+    if (result != 0) {
+        ErrnoGuard keep;
+        giveRoomBack(arena->descriptor, arena->size);
+    }
+    return result;
+}
+
 // Takes the shared lock, or turns an exclusive one into it, and maps the file as it then is.
 uint32_t attachFile(SharedArena *arena) {
     if (::flock(arena->descriptor, LOCK_SH) < 0) return SCHED_ERR_SYSTEM;
-    if (!lockedFileIsAtPath(arena->descriptor, arena->path)) return kStartOver;
+    if (const uint32_t failed = checkLockedFile(arena->descriptor, arena->path)) return failed;
     if (mapArena(arena) < 0) return SCHED_ERR_SYSTEM;
     return checkArenaHeader(arena);
 }
 
-// Initialises the file if no other process uses it: the only process that may. 0 also when one does.
+// Initialises the file if nobody else holds it. Also 0, having done nothing, if somebody does.
 uint32_t initialiseIdleFile(SharedArena *arena) {
     if (::flock(arena->descriptor, LOCK_EX | LOCK_NB) == 0) return initialiseFile(arena);
     return errno == EWOULDBLOCK ? 0 : SCHED_ERR_SYSTEM;
 }
 
-// Mapping fails with EINVAL only where the file is empty.
-bool isNotReady(uint32_t attached) {
-    return attached == SHARED_ERR_MAGIC || (attached == SCHED_ERR_SYSTEM && errno == EINVAL);
+// Whether attaching failed on a file that can still become an arena while others hold it: an empty
+// one, where mapping fails with EINVAL, or an unfinished one.
+bool isNotReady(const SharedArena *arena, uint32_t attached) {
+    if (attached == SHARED_ERR_MAGIC) return isUnfinishedArena(arena);
+    return attached == SCHED_ERR_SYSTEM && errno == EINVAL;
 }
 
 // Joins the file behind the descriptor, as its initialiser or as an attacher.
@@ -149,7 +176,7 @@ uint32_t joinFile(SharedArena *arena, bool create) {
             if (failed != 0) return failed;
         }
         const uint32_t attached = attachFile(arena);
-        if (!create || !isNotReady(attached) || triesLeft == 0) return attached;
+        if (!create || triesLeft == 0 || !isNotReady(arena, attached)) return attached;
         unmapArena(arena);
         (void)::flock(arena->descriptor, LOCK_UN);  // somebody must be able to initialise it
         (void)::nanosleep(&kNotReadyPause, nullptr);
@@ -184,15 +211,19 @@ int recordIdentity(ArenaRecord *record) {
     return 0;
 }
 
-// Whether the locked file is the one that is mapped, and as long as it was then. A handle that has
-// been without a lock may have been overtaken by a creator or a deleter.
-bool isMappedFile(const SharedArena *arena, int fd) {
+// 0 if the locked file is the one that is mapped, and as long as it was then; else
+// SCHED_ERR_SYSTEM, with ESTALE where it is another. A handle that has been without a lock may have
+// been overtaken by a creator or a deleter.
+uint32_t checkMappedFile(const SharedArena *arena, int fd) {
     const ArenaRecord *record = recordOf(arena);
     struct stat status;
-    return ::fstat(fd, &status) == 0 && status.st_dev == record->device &&
-           status.st_ino == record->inode &&
-           static_cast<uint64_t>(status.st_size) == arena->mapLength &&
-           lockedFileIsAtPath(fd, arena->path);
+    if (::fstat(fd, &status) < 0) return SCHED_ERR_SYSTEM;
+    const bool same = status.st_dev == record->device && status.st_ino == record->inode &&
+                      static_cast<uint64_t>(status.st_size) == arena->mapLength;
+    const uint32_t failed = same ? checkLockedFile(fd, arena->path) : kStartOver;
+    if (failed == kStartOver)
+        errno = ESTALE;  // a lock on another or a deleted file protects nothing
+    return failed == 0 ? 0 : SCHED_ERR_SYSTEM;
 }
 
 }  // namespace
@@ -223,7 +254,9 @@ uint32_t DeleteSharedArena(const char *path) {
         if (::flock(fd.get(), LOCK_EX | LOCK_NB) < 0)
             return errno == EWOULDBLOCK ? SHARED_ERR_BUSY : SCHED_ERR_SYSTEM;
         // Another process may have deleted this file and made a new one, which others now use.
-        if (!lockedFileIsAtPath(fd.get(), path)) continue;
+        const uint32_t failed = checkLockedFile(fd.get(), path);
+        if (failed == kStartOver) continue;
+        if (failed != 0) return failed;
         return ::unlink(path) < 0 ? SCHED_ERR_SYSTEM : 0;
     }
     errno = ESTALE;
@@ -242,10 +275,7 @@ uint32_t ForkSharedArena(SharedArena *arena) {
     }
     if (own.get() < 0) return SCHED_ERR_SYSTEM;
     const bool locked = ::flock(own.get(), LOCK_SH) == 0;
-    if (locked && !isMappedFile(arena, own.get())) {
-        errno = ESTALE;  // a lock on another file, or on a deleted one, protects nothing
-        return SCHED_ERR_SYSTEM;
-    }
+    if (locked && checkMappedFile(arena, own.get()) != 0) return SCHED_ERR_SYSTEM;
     arena->descriptor = own.release();
     return locked ? 0 : SCHED_ERR_SYSTEM;
 }

@@ -4,11 +4,10 @@
 
 #include "support/guards.h"
 
+#include <algorithm>
 #include <unistd.h>
 
-int writeEmptyArenaFile(int fd, uint64_t size) {
-    // First of all this takes the magic away: whoever is killed from here on leaves no arena behind.
-    if (::ftruncate(fd, 0) < 0) return -1;
+int iosched_lib::writeEmptyArenaFile(int fd, uint64_t size) {
     if (::lseek(fd, 0, SEEK_SET) < 0) return -1;  // an earlier attempt may have moved it
 
     const auto page = static_cast<size_t>(::getpagesize());
@@ -26,7 +25,12 @@ int writeEmptyArenaFile(int fd, uint64_t size) {
     return 0;
 }
 
-uint32_t initialiseArenaHeader(SharedArena *arena) {
+void iosched_lib::giveRoomBack(int fd, uint64_t size) {
+    if (::ftruncate(fd, 0) < 0) return;
+    (void)writeEmptyArenaFile(fd, std::min(size, static_cast<uint64_t>(::getpagesize())));
+}
+
+uint32_t iosched_lib::initialiseArenaHeader(SharedArena *arena) {
     ArenaHeader *header = arenaHeader(arena);
     auto *block = arenaPointer<BlockHeader>(arena, kHeapOffset);
     if (InitializeSharedMutex(&header->lock) != 0) return SCHED_ERR_SYSTEM;
@@ -40,13 +44,15 @@ uint32_t initialiseArenaHeader(SharedArena *arena) {
     return ReleaseSharedMutex(&header->lock);
 }
 
-uint32_t checkArenaHeader(const SharedArena *arena) {
+uint32_t iosched_lib::checkArenaHeader(const SharedArena *arena) {
     const ArenaHeader *header = arenaHeader(arena);
-    // Behind the end of the file but in its last page there are zeros, so reading is safe.
+    // Behind the end of the file but in its last page there are zeros, so reading is safe. A file
+    // that has been cut or added to is an arena all the same: the heap ends where the mapping does.
     if (header->magic != kArenaMagic) return SHARED_ERR_MAGIC;
-    if (header->version != kArenaVersion) return SHARED_ERR_VERSION;
-    // Every arena is whole pages. This one has been cut or added to by something else, and the
-    // stretch in its last page behind the end would not be shared.
+    return header->version == kArenaVersion ? 0 : SHARED_ERR_VERSION;
+}
+
+bool iosched_lib::isUnfinishedArena(const SharedArena *arena) {
     const auto page = static_cast<uint64_t>(::getpagesize());
-    return arena->mapLength % page == 0 ? 0 : SHARED_ERR_MAGIC;
+    return arenaHeader(arena)->magic == 0 && arena->mapLength % page == 0;
 }

@@ -7,16 +7,21 @@
 // SHARED_FILE_TABLE_READY, by which processes built for this layout would refuse the table.
 #pragma once
 
-#include "iosched/shared.h"
+#include "shared/shared_internal.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <type_traits>
+namespace iosched_lib {
 
 // One link of a list; the first field of everything that is in one.
 //
 //   0x00   8  next   offset of the next element, of the head behind the last
 //   0x08   8  prev   likewise backwards
+//
+// The next links are the truth: whoever repairs a table after a death inside its mutex can make the
+// prev links, counts and combined modes anew from them. For that, at every instruction the next
+// links of each list lead from its head through whole elements back to the head, and at most one
+// entry and one record are on no list: an element is complete before it is linked in, keeps its own
+// next link until it is out of the list, and is on another list before the next one is taken out.
+// keepStoreOrder() holds the compiler to it.
 struct SharedLink {
     uint64_t next;
     uint64_t prev;
@@ -48,8 +53,6 @@ struct SharedFileLockHeader {
     uint32_t zero1;
 };
 static_assert(std::is_trivially_copyable_v<SharedFileLockHeader>);
-static_assert(sizeof(pthread_mutex_t) == 40 && sizeof(SharedMutex) == 48);
-static_assert(offsetof(SharedMutex, holder) == 40 && offsetof(SharedMutex, padding) == 44);
 static_assert(offsetof(SharedFileLockHeader, mutex) == 0x00);
 static_assert(offsetof(SharedFileLockHeader, state) == 0x30);
 static_assert(offsetof(SharedFileLockHeader, zero0) == 0x34);
@@ -132,8 +135,8 @@ static_assert(sizeof(SharedLockRecord) == 0x38);
 
 constexpr int64_t kOpenRecordEnd = -1;
 
-// What a range of no bytes at offset 0 is stored with: its own end, -1, would make it an open. No
-// other range that a caller may ask for starts at 0 and ends here.
+// An empty range at 0 would be stored as {0, -1}, the mark of an open; no valid request yields this
+// end.
 constexpr int64_t kEmptyRangeAtZeroEnd = -2;
 
 constexpr bool isOpenRecord(const SharedLockRecord &record) {
@@ -216,8 +219,11 @@ public:
     void pushFront(SharedLink *head, SharedLink *link) const { insertBefore(at(head->next), link); }
     void append(SharedLink *head, SharedLink *link) const { insertBefore(head, link); }
     void unlink(SharedLink *link) const {
-        at(link->prev)->next = link->next;
-        at(link->next)->prev = link->prev;
+        const SharedLink gone = *link;
+        keepStoreOrder();  // the element taken out before is on its list
+        at(gone.prev)->next = gone.next;
+        keepStoreOrder();  // from here on the element's own links may change
+        at(gone.next)->prev = gone.prev;
     }
 
     // Takes the first element out of a list; null when the list is empty.
@@ -235,9 +241,10 @@ private:
         return static_cast<uint64_t>(static_cast<const char *>(address) - base_);
     }
     void insertBefore(SharedLink *place, SharedLink *link) const {
-        link->next = offsetOf(place);
-        link->prev = place->prev;
-        at(place->prev)->next = offsetOf(link);
+        const uint64_t before = place->prev;
+        *link = {offsetOf(place), before};
+        keepStoreOrder();  // the element is whole
+        at(before)->next = offsetOf(link);
         place->prev = offsetOf(link);
     }
 
@@ -247,7 +254,9 @@ private:
 
 // Runs operation(TableView) under the table's mutex, which it releases however the operation
 // returns. Returns the mutex's error, else the operation's result. The operation must not call an
-// exported function: the mutex is not recursive.
+// exported function: the mutex is not recursive. Nor may it follow a pointer of the caller's: where
+// that leads nowhere, the process would die with the mutex locked. Keys and names are copied
+// before, outputs written after.
 template <class Operation>
 int underTableMutex(const SharedFileLockTable *table, Operation operation) {
     const TableView view(table);
@@ -275,3 +284,7 @@ void releaseEntry(TableView view, SharedFileEntry *entry);
 // Gives back an entry that has lost its last record, else recomputes its combined mode.
 void settleEntry(TableView view, SharedFileEntry *entry);
 void rebuildMode(TableView view, SharedFileEntry *entry);
+
+}  // namespace iosched_lib
+
+using namespace iosched_lib;

@@ -58,8 +58,8 @@ int LockSharedFileRange(SharedFileLockTable *table, uint32_t owner, uint32_t han
                         const SharedFileKey *key, int64_t offset, int64_t length, uint32_t flags) {
     const LockHolder holder{ownPid(), owner, handle};
     const ByteRange range = rangeOf(offset, length);
-    return underTableMutex(table, [=](TableView view) {
-        SharedFileEntry *entry = findEntry(view, *key);
+    return underTableMutex(table, [=, file = *key](TableView view) {
+        SharedFileEntry *entry = findEntry(view, file);
         if (entry == nullptr) return SHARED_ERR_NOTOPEN;
         if (const auto *conflict = findConflict(view, *entry, holder, range, flags)) {
             return isHeldBy(*conflict, holder) ? SHARED_ERR_SELFLOCKED : SHARED_ERR_LOCKED;
@@ -72,8 +72,8 @@ int UnlockSharedFileRange(SharedFileLockTable *table, uint32_t owner, uint32_t h
                           const SharedFileKey *key, int64_t offset, int64_t length) {
     const LockHolder holder{ownPid(), owner, handle};
     const ByteRange range = rangeOf(offset, length);
-    return underTableMutex(table, [=](TableView view) {
-        SharedFileEntry *entry = findEntry(view, *key);
+    return underTableMutex(table, [=, file = *key](TableView view) {
+        SharedFileEntry *entry = findEntry(view, file);
         if (entry == nullptr) return SHARED_ERR_NOTLOCKED;
         for (SharedLockRecord &record : view.records(*entry)) {
             if (!isHeldBy(record, holder)) continue;
@@ -88,13 +88,13 @@ int UnlockSharedFileRange(SharedFileLockTable *table, uint32_t owner, uint32_t h
 int TestSharedFileRange(SharedFileLockTable *table, uint32_t owner, uint32_t handle,
                         const SharedFileKey *key, int64_t offset, int64_t *length, uint32_t flags) {
     const LockHolder holder{ownPid(), owner, handle};
-    const ByteRange asked = rangeOf(offset, *length);
+    const int64_t planned = *length;
     int64_t allowed = 0;
-    const int result = underTableMutex(table, [=, &allowed](TableView view) {
-        allowed = *length;
-        const SharedFileEntry *entry = findEntry(view, *key);
+    const int result = underTableMutex(table, [=, file = *key, &allowed](TableView view) {
+        allowed = planned;
+        const SharedFileEntry *entry = findEntry(view, file);
         if (entry == nullptr) return 0;
-        ByteRange rest = asked;
+        ByteRange rest = rangeOf(offset, planned);
         for (const SharedLockRecord &record : view.records(*entry)) {
             if (!hinders(record, holder, flags) || !overlaps(record, rest)) continue;
             if (record.start <= offset) {

@@ -80,6 +80,7 @@ void buildTable(TableView view, const TableShape &shape) {
     auto *records = reinterpret_cast<SharedLockRecord *>(entries + shape.entries);
     for (int32_t i = 0; i < shape.records; ++i)
         view.pushFront(&header->freeRecords, &records[i].link);
+    keepStoreOrder();  // the table is whole
     header->state = SHARED_FILE_TABLE_READY;
 }
 
@@ -108,25 +109,26 @@ uint32_t createTable(SharedFileLockTable *table, const TableShape &shape) {
 bool isReadyTable(const void *chunk, uint64_t chunkBytes) {
     if (chunkBytes < sizeof(SharedFileLockHeader)) return false;
     const auto *header = static_cast<const SharedFileLockHeader *>(chunk);
-    return header->state == SHARED_FILE_TABLE_READY && header->bucketCount > 0 &&
+    return header->state == SHARED_FILE_TABLE_READY && isSoundMutex(&header->mutex) &&
+           header->bucketCount > 0 &&
            chunkBytes >= headerBytes(static_cast<uint64_t>(header->bucketCount));
 }
 
 }  // namespace
 
-SharedLink *bucketOf(TableView view, const SharedFileKey &key) {
+SharedLink *iosched_lib::bucketOf(TableView view, const SharedFileKey &key) {
     return view.bucket(((key.word0 & UINT32_MAX) ^ key.word1) % view.bucketCount());
 }
 
-SharedFileEntry *findEntry(TableView view, const SharedFileKey &key) {
+SharedFileEntry *iosched_lib::findEntry(TableView view, const SharedFileKey &key) {
     for (SharedFileEntry &entry : view.entries(bucketOf(view, key))) {
         if (entry.word0 == key.word0 && entry.word1 == key.word1) return &entry;
     }
     return nullptr;
 }
 
-int addRangeLock(TableView view, const LockHolder &holder, SharedFileEntry *entry, uint32_t mode,
-                 int64_t start, int64_t end) {
+int iosched_lib::addRangeLock(TableView view, const LockHolder &holder, SharedFileEntry *entry,
+                              uint32_t mode, int64_t start, int64_t end) {
     auto *record = view.takeFirst<SharedLockRecord>(&view.header()->freeRecords);
     if (record == nullptr) {
         ::syslog(LOG_ERR, "addRangeLock: no more locks");
@@ -142,18 +144,18 @@ int addRangeLock(TableView view, const LockHolder &holder, SharedFileEntry *entr
     return 0;
 }
 
-void releaseRecord(TableView view, SharedFileEntry *entry, SharedLockRecord *record) {
+void iosched_lib::releaseRecord(TableView view, SharedFileEntry *entry, SharedLockRecord *record) {
     if (isOpenRecord(*record)) --entry->openCount;
     view.unlink(&record->link);
     view.pushFront(&view.header()->freeRecords, &record->link);
 }
 
-void releaseEntry(TableView view, SharedFileEntry *entry) {
+void iosched_lib::releaseEntry(TableView view, SharedFileEntry *entry) {
     view.unlink(&entry->link);
     view.pushFront(&view.header()->freeEntries, &entry->link);
 }
 
-void rebuildMode(TableView view, SharedFileEntry *entry) {
+void iosched_lib::rebuildMode(TableView view, SharedFileEntry *entry) {
     uint32_t combined = 0;
     for (const SharedLockRecord &record : view.records(*entry)) {
         if (isOpenRecord(record)) combined |= record.mode;
@@ -161,7 +163,7 @@ void rebuildMode(TableView view, SharedFileEntry *entry) {
     entry->combinedMode = combined;
 }
 
-void settleEntry(TableView view, SharedFileEntry *entry) {
+void iosched_lib::settleEntry(TableView view, SharedFileEntry *entry) {
     if (view.isEmpty(&entry->records))
         releaseEntry(view, entry);
     else
@@ -175,32 +177,31 @@ uint64_t CalcSharedFileLockTableSize(int32_t processes, int32_t filesPerProcess,
 int AllocateSharedFileLockTable(SharedArena *arena, const char *name, int32_t processes,
                                 int32_t filesPerProcess, int32_t locks,
                                 SharedFileLockTable **table) {
-    TableShape shape{};
-    uint64_t chunkBytes = 0;  // 0 asks for an existing chunk only
-    if (processes != 0) {
-        if (!countsAreUsable(processes, filesPerProcess, locks)) {
-            errno = EINVAL;
-            return SCHED_ERR_SYSTEM;
-        }
-        shape = shapeFor(processes, filesPerProcess, locks);
-        chunkBytes = tableBytes(shape);
-    }
+    // A size of 0 only attaches. So do counts that no table can be made of: an existing table keeps
+    // its own, whatever the arguments are.
+    const bool canMake = processes != 0 && countsAreUsable(processes, filesPerProcess, locks);
+    const TableShape shape = shapeFor(processes, filesPerProcess, locks);
+    uint64_t chunkBytes = canMake ? tableBytes(shape) : 0;
     HeapGuard<SharedFileLockTable> handle(newRecord<SharedFileLockTable>());
     if (handle.get() == nullptr) return SCHED_ERR_SYSTEM;
     handle->arena = arena;
     preparePid();
 
     uint32_t created = 0;
-    if (const uint32_t failed =
-            AllocateSharedChunk(arena, name, &chunkBytes, &handle->header, &created)) {
-        return static_cast<int>(failed);
+    const uint32_t failed =
+        AllocateSharedChunk(arena, name, &chunkBytes, &handle->header, &created);
+    if (failed == SHARED_ERR_NOTFOUND && processes != 0) {
+        errno = EINVAL;
+        return SCHED_ERR_SYSTEM;
     }
+    if (failed != 0) return static_cast<int>(failed);
     if (created != 0) {
-        if (const uint32_t failed = createTable(handle.get(), shape)) {
-            return static_cast<int>(failed);
-        }
+        if (const uint32_t failedToMake = createTable(handle.get(), shape))
+            return static_cast<int>(failedToMake);
     } else if (!isReadyTable(handle->header, chunkBytes)) {
-        (void)FreeSharedChunk(arena, handle->header);  // the chunk is a stranger's: so is its fate
+        // A chunk of another kind under the table's name: the reference just taken goes back, and
+        // with it the chunk, should its owners have given up theirs meanwhile.
+        (void)FreeSharedChunk(arena, handle->header);
         return SHARED_ERR_BADTABLE;
     }
     *table = handle.release();

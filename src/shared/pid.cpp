@@ -10,8 +10,9 @@
 
 #include "shared/pid_internal.h"
 
+#include "support/wiped_page.h"
+
 #include <pthread.h>
-#include <sys/mman.h>
 
 namespace {
 
@@ -26,18 +27,12 @@ void rememberPidInChild() {
 
 }  // namespace
 
-constinit const uint32_t *ownPidWord = &kNotKnown;
+constinit const uint32_t *iosched_lib::ownPidWord = &kNotKnown;
 
-void preparePid() {
+void iosched_lib::preparePid() {
     if (wipedPage != nullptr) return;
-    const size_t bytes = static_cast<size_t>(::getpagesize());
-    void *page = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED) return;
-    if (::madvise(page, bytes, MADV_WIPEONFORK) != 0) {
-        (void)::munmap(page, bytes);  // older than Linux 4.14: every call asks the kernel
-        return;
-    }
-    wipedPage = static_cast<uint32_t *>(page);
+    wipedPage = newWipedPage();
+    if (wipedPage == nullptr) return;  // every call asks the kernel
     *wipedPage = static_cast<uint32_t>(::getpid());
     ownPidWord = wipedPage;
     // Without the hook the children read 0 for ever, which is slow and right.

@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <type_traits>
 
+namespace iosched_lib {
+
 // ---- the arena file ----
 //
 // Native byte order; every multi-byte field is unsigned. A change of layout raises kArenaVersion.
@@ -71,17 +73,42 @@ static_assert(offsetof(BlockHeader, references) == 0x20 && offsetof(BlockHeader,
 constexpr uint64_t kBlockAlignment = 8;
 constexpr uint64_t kMinBlockSize = 48;  // a header and one byte of data, rounded up
 
+// ---- the order of stores ----
+
+// Stores above this line come before stores below it; costs no instruction. A killed process stops
+// between two instructions, with all before done and none after. So only the compiler can change
+// the order in which a dead process's stores came, and what it left in an arena can be repaired as
+// long as the order is the one that is promised:
+//
+// - A mutex names its holder before the first store that it guards and until after the last.
+// - Heap: at every instruction the allocated list is whole, and so is every block on it: its sizes,
+//   name and references are there before its link is, and nothing of it is overwritten until its
+//   link is gone. A block loses its last reference before its name. All that no block on this
+//   list covers is free; the free list needs no order, since it can be made anew from that.
+// - Lock tables: see SharedLink.
+inline void keepStoreOrder() {
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+}
+
 // ---- arena_format.cpp ----
 
-// Empties the file and fills it with zeros up to the size, a multiple of the page size. 0, or -1
-// with errno (ENOSPC when it does not fit). The caller holds the file exclusively.
+// Fills an empty file with zeros up to the size, a multiple of the page size. 0, or -1 with errno
+// (ENOSPC when it does not fit). The caller holds the file exclusively.
 int writeEmptyArenaFile(int fd, uint64_t size);
+
+// Takes away what an initialisation that failed has written, so that a full disk is not left full.
+// One page of zeros stays if the size has one: who only attaches is told that this is no arena.
+void giveRoomBack(int fd, uint64_t size);
 
 // Makes an arena with one free block out of a mapped file of zeros. 0 or SCHED_ERR_SYSTEM.
 uint32_t initialiseArenaHeader(SharedArena *arena);
 
 // 0, or SHARED_ERR_MAGIC or SHARED_ERR_VERSION when the mapped file is not an arena to work with.
 uint32_t checkArenaHeader(const SharedArena *arena);
+
+// Whether the mapped file, which is no arena, is as a creator leaves it that was killed or is yet
+// to begin. Any other file becomes an arena only when nobody holds it.
+bool isUnfinishedArena(const SharedArena *arena);
 
 // ---- offsets and addresses ----
 
@@ -112,20 +139,31 @@ inline uint64_t arenaOffset(const SharedArena *arena, const void *address) {
 
 // ---- mutexes ----
 
-// Holds a shared mutex from construction until the end of its scope. When locking
+// Whether the mutex can be what its users left: of a kind without pointers, with a word that says
+// free or held. AquireSharedMutex() looks at the kind alone. The word would cost a fifth of its
+// time, and one that nobody writes then reads as held: whoever waits for it waits for a repairer.
+bool isSoundMutex(const SharedMutex *mutex);
+
+// AquireSharedMutex(), but with EINVAL for a mutex that is not sound.
+uint32_t acquireIfSound(SharedMutex *mutex);
+
+// Holds a shared mutex, if it is sound, from construction until the end of its scope. When locking
 // failed, result() is not 0, errno says why, and nothing is released later. Must not live across a
 // fork: the child would release what its parent holds.
 class SharedMutexGuard {
 public:
     explicit SharedMutexGuard(SharedMutex *mutex)
-        : result_(AquireSharedMutex(mutex)), mutex_(result_ == 0 ? mutex : nullptr) {}
-    ~SharedMutexGuard() {
-        if (mutex_ != nullptr) (void)ReleaseSharedMutex(mutex_);
-    }
+        : result_(acquireIfSound(mutex)), mutex_(result_ == 0 ? mutex : nullptr) {}
+    ~SharedMutexGuard() { release(); }
     SharedMutexGuard(const SharedMutexGuard &) = delete;
     SharedMutexGuard &operator=(const SharedMutexGuard &) = delete;
 
     uint32_t result() const { return result_; }
+
+    void release() {
+        if (mutex_ != nullptr) (void)ReleaseSharedMutex(mutex_);
+        mutex_ = nullptr;
+    }
 
     // From here on the caller of the library function holds the mutex.
     void leaveLocked() { mutex_ = nullptr; }
@@ -138,3 +176,7 @@ private:
 // Start-up, called by InitSched as the last of its steps; returns 0. From then on
 // AquireSharedMutex() records the process id, also in children made with ioFork().
 int initMutexes();
+
+}  // namespace iosched_lib
+
+using namespace iosched_lib;

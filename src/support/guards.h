@@ -1,13 +1,16 @@
 // Small owners that clean up on an early return.
 //
 // All of them keep errno, so that the caller sees the error of the call that failed and not that of
-// the clean-up. None may live across a fork whose child ends in _exit: destructors do not run there.
+// the clean-up. None may live across a fork whose child ends in _exit: destructors do not run
+// there.
 #pragma once
 
 #include <cerrno>
 #include <cstdlib>
 #include <unistd.h>
 #include <utility>
+
+namespace iosched_lib {
 
 class ErrnoGuard {
 public:
@@ -65,3 +68,7 @@ template <class T>
 T *newRecord() {
     return static_cast<T *>(std::calloc(1, sizeof(T)));
 }
+
+}  // namespace iosched_lib
+
+using namespace iosched_lib;

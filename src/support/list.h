@@ -8,6 +8,8 @@
 
 #include <type_traits>
 
+namespace iosched_lib {
+
 struct ListLink {
     ListLink *next;
     ListLink *prev;
@@ -60,3 +62,7 @@ void takeWholeList(Node *from, Node *to) {
     to->prev->next = to;
     makeEmptyList(from);
 }
+
+}  // namespace iosched_lib
+
+using namespace iosched_lib;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <optional>
 #include <sys/quota.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -31,15 +32,21 @@ constexpr uint64_t kDiskFileSystems[] = {
 constexpr uint32_t kGetUserQuota = 0x80000700;
 constexpr uint32_t kGetUserQuotaOld = 0x30000;
 
-int isNewQuota = -1;       // the kernel's interface: 1 current, 0 old, -1 not yet asked
-int defaultQBockSize = 0;  // bytes in a quota block; 0 means the interface's own
+// The system's header describes the current interface alone.
+static_assert(kGetUserQuota == static_cast<uint32_t>(QCMD(Q_GETQUOTA, USRQUOTA)));
+static_assert(sizeof(QuotaBlock) == sizeof(dqblk));
+static_assert(offsetof(QuotaBlock, blockHardLimit) == offsetof(dqblk, dqb_bhardlimit));
+static_assert(offsetof(QuotaBlock, usedBytes) == offsetof(dqblk, dqb_curspace));
+static_assert(offsetof(QuotaBlock, fileHardLimit) == offsetof(dqblk, dqb_ihardlimit));
+static_assert(offsetof(QuotaBlock, usedFiles) == offsetof(dqblk, dqb_curinodes));
+
+std::optional<bool> isNewQuota;  // the kernel's interface: current or old; empty until first needed
+int defaultQBockSize = 0;        // bytes in a quota block; 0 means the interface's own
 
 bool quotaInterfaceIsNew() {
-    if (isNewQuota == -1) {
-        struct stat ignored;
-        isNewQuota = ::stat("/proc/sys/fs/quota", &ignored) == 0 ? 1 : 0;
-    }
-    return isNewQuota == 1;
+    struct stat ignored;
+    if (!isNewQuota) isNewQuota = ::stat("/proc/sys/fs/quota", &ignored) == 0;
+    return *isNewQuota;
 }
 
 template <class Block>

@@ -21,13 +21,12 @@ constexpr char kMountTablePath[] = "/etc/mtab";
 
 // One line of the mount table. Never freed once it is in the list.
 struct MountPoint : ListLink {
-    char *directory;  // what was stat'ed; the lookup does not need it
-    char *device;     // the mounted device's name, as quotactl takes it
-    uint64_t dev;     // st_dev of the directory
+    char *device;  // the mounted device's name, as quotactl takes it
+    uint64_t dev;  // st_dev of the directory that it is mounted on
 };
 
 ListLink mountPointHead{&mountPointHead, &mountPointHead};  // the newest record comes first
-int inited = 0;  // 0 until the first lookup has tried to load the table
+bool inited = false;  // whether a lookup has tried to load the table
 
 // The mount table opened for reading; closed at the end of the scope.
 class MountTable {
@@ -55,13 +54,10 @@ private:
     FILE *table_;
 };
 
-// Fills and links the record; false, with the record freed, when a name cannot be copied.
+// Fills and links the record; false, with the record freed, when the name cannot be copied.
 bool keepMountPoint(MountPoint *record, const mntent &line, uint64_t dev) {
     record->device = ::strdup(line.mnt_fsname);
-    record->directory = ::strdup(line.mnt_dir);
-    if (record->device == nullptr || record->directory == nullptr) {
-        std::free(record->device);
-        std::free(record->directory);
+    if (record->device == nullptr) {
         std::free(record);
         return false;
     }
@@ -104,9 +100,9 @@ const char *rescanMountTable(uint64_t wanted) {
 
 }  // namespace
 
-const char *findMountedDevice(uint64_t dev) {
-    if (inited == 0) {
-        inited = 1;
+const char *iosched_lib::findMountedDevice(uint64_t dev) {
+    if (!inited) {
+        inited = true;
         loadMountTable();
     }
     const char *device = searchMountPoints(dev);

@@ -35,7 +35,7 @@ void limitFiles(uint64_t limit, uint64_t used, FSInfo *info) {
 
 }  // namespace
 
-void applyQuota(const QuotaBlock &quota, int quotaBlockSize, FSInfo *info) {
+void iosched_lib::applyQuota(const QuotaBlock &quota, int quotaBlockSize, FSInfo *info) {
     const uint64_t unit = bytesPerBlock(quotaBlockSize, kDefaultQuotaBlockBytes);
     // A block size of 0, which a user-space file system may report, gives no unit to count in.
     if (quota.blockHardLimit != 0 && info->blockSize != 0) {
@@ -44,7 +44,7 @@ void applyQuota(const QuotaBlock &quota, int quotaBlockSize, FSInfo *info) {
     if (quota.fileHardLimit != 0) limitFiles(quota.fileHardLimit, quota.usedFiles, info);
 }
 
-void applyQuota(const OldQuotaBlock &quota, int quotaBlockSize, FSInfo *info) {
+void iosched_lib::applyQuota(const OldQuotaBlock &quota, int quotaBlockSize, FSInfo *info) {
     const uint64_t unit = bytesPerBlock(quotaBlockSize, kDefaultOldQuotaBlockBytes);
     if (quota.blockHardLimit != 0 && info->blockSize != 0) {
         limitBlocks(quota.blockHardLimit * unit, quota.usedBlocks * unit, info);

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <type_traits>
 
+namespace iosched_lib {
+
 // The kernel's generic quota block, as quotactl fills it.
 //
 //   0x00  8  blockHardLimit  in quota blocks, 0 = no limit
@@ -66,3 +68,7 @@ void applyQuota(const OldQuotaBlock &quota, int quotaBlockSize, FSInfo *info);
 // The device mounted where files have this st_dev, as quotactl takes it; null when the mount table
 // does not tell. The string stays the cache's and lives as long as the process.
 const char *findMountedDevice(uint64_t dev);
+
+}  // namespace iosched_lib
+
+using namespace iosched_lib;

@@ -7,14 +7,21 @@
 #include "support/in_child.h"
 #include "support/scratch_dir.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <map>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sstream>
 #include <string>
@@ -42,7 +49,22 @@ inline bool waitUntilGone(pid_t pid) {
     return gone;
 }
 
-inline int startProgram(const std::vector<std::string> &words, int stdoutFd) {
+inline void asItIs() {}
+
+// As on a kernel that is older than openat2().
+inline void withoutOpenat2() {
+    sock_filter steps[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                           BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat2, 0, 1),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                           BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog filter{std::size(steps), steps};
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+        ::_exit(126);
+}
+
+inline int startProgram(const std::vector<std::string> &words, int outputFd,
+                        void (*prepare)() = asItIs) {
     std::vector<char *> argv;
     for (const std::string &word : words)
         argv.push_back(const_cast<char *>(word.c_str()));
@@ -50,21 +72,33 @@ inline int startProgram(const std::vector<std::string> &words, int stdoutFd) {
     const pid_t pid = ::fork();
     if (pid != 0) return pid;
     (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);  // also when the test crashes
-    ::dup2(stdoutFd, STDOUT_FILENO);
+    ::dup2(outputFd, STDOUT_FILENO);
+    prepare();
     ::execv(argv[0], argv.data());
     ::_exit(127);
 }
 
+// To the user that a server started by root becomes.
+inline void giveAway(const std::string &path) {
+    if (::geteuid() != 0) return;
+    const passwd *nobody = ::getpwnam("nobody");
+    EXPECT_EQ(::chown(path.c_str(), nobody->pw_uid, nobody->pw_gid), 0);
+}
+
 class FiledServer {
 public:
-    explicit FiledServer(const std::vector<std::string> &options = {}) {
+    explicit FiledServer(const std::vector<std::string> &options = {}, void (*prepare)() = asItIs) {
         (void)::mkdir(root().c_str(), 0700);
-        std::vector<std::string> words = {FILED_PROGRAM, "-p", "0",          "-r", root(),   "-a",
-                                          arena(),       "-l", dir_ / "log", "-P", pidFile()};
+        std::vector<std::string> words = {
+            FILED_PROGRAM, "-p", "0",       "-r", root(),          "-a", arena(), "-l",
+            dir_ / "log",  "-P", pidFile(), "-A", ARENACTL_PROGRAM};
+        if (::geteuid() == 0) words.insert(words.end(), {"-u", "nobody"});
         words.insert(words.end(), options.begin(), options.end());
+        giveAway(dir_.path());
+        giveAway(root());
         int out[2];
         if (::pipe2(out, O_CLOEXEC) != 0) std::abort();
-        pid_ = startProgram(words, out[1]);
+        pid_ = startProgram(words, out[1], prepare);
         ::close(out[1]);
         port_ = readPort(out[0]);
         ::close(out[0]);
@@ -82,6 +116,10 @@ public:
     std::string arena() const { return dir_ / "arena"; }
     std::string pidFile() const { return dir_ / "pid"; }
     std::string path(const std::string &name) const { return root() + "/" + name; }
+    void write(const std::string &name, const std::string &bytes) const {
+        writeFile(path(name), bytes);
+        giveAway(path(name));
+    }
     std::string log() const {
         std::ifstream file(dir_ / "log");
         std::stringstream text;
@@ -114,13 +152,6 @@ private:
     int port_ = 0;
 };
 
-// Everything up to the line that ends a reply.
-struct Reply {
-    std::vector<std::string> info;
-    std::string data;
-    std::string last;
-};
-
 class FiledClient {
 public:
     explicit FiledClient(const FiledServer &server) {
@@ -131,42 +162,48 @@ public:
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
         greeting = line();
-        (void)std::sscanf(greeting.c_str(), "OK filed ready, worker=%d", &worker);
+        (void)std::sscanf(greeting.c_str(), "OK filed ready, worker=%d master=%d", &worker,
+                          &master);
+    }
+    // One that a worker other than this serves.
+    FiledClient(const FiledServer &server, pid_t than) : FiledClient(server) {
+        while (worker == than && !::testing::Test::HasFailure())
+            *this = FiledClient(server);
     }
     ~FiledClient() { close(); }
-    FiledClient(FiledClient &&other) noexcept
-        : greeting(std::move(other.greeting)), worker(other.worker),
-          fd_(std::exchange(other.fd_, -1)), buffer_(std::move(other.buffer_)) {}
+    FiledClient(FiledClient &&other) noexcept { *this = std::move(other); }
+    FiledClient &operator=(FiledClient &&other) noexcept {
+        std::swap(fd_, other.fd_);
+        std::swap(buffer_, other.buffer_);
+        std::swap(greeting, other.greeting);
+        std::swap(worker, other.worker);
+        std::swap(master, other.master);
+        return *this;
+    }
 
     void send(const std::string &bytes) const {
         EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
     }
     std::string line() {
-        while (buffer_.find('\n') == std::string::npos)
+        size_t end = 0;
+        while ((end = buffer_.find('\n')) == std::string::npos)
             if (!fill()) return "<no reply>";
-        const std::string text = buffer_.substr(0, buffer_.find('\n'));
-        buffer_.erase(0, text.size() + 1);
-        return text;
+        return take(end);
     }
-    Reply reply() {
-        Reply reply;
-        for (;;) {
-            reply.last = line();
-            if (reply.last.starts_with("- "))
-                reply.info.push_back(reply.last.substr(2));
-            else if (reply.last.starts_with("DATA "))
-                reply.data += block(std::stoul(reply.last.substr(5)));
-            else
-                return reply;
-        }
+    std::string data() {  // of one DATA block
+        const size_t count = std::stoul(line().substr(5));
+        while (buffer_.size() < count + 1)
+            if (!fill()) return "<no data>";
+        return take(count);
     }
-    std::string data() { return block(std::stoul(line().substr(5))); }  // of one DATA block
-    Reply askAll(const std::string &request) {
+    std::string ask(const std::string &request) {  // the last line of the reply
         send(request + "\n");
-        return reply();
+        std::string last = line();
+        while (last.starts_with("- "))
+            last = line();
+        return last;
     }
-    std::string ask(const std::string &request) { return askAll(request).last; }
 
     bool quiet() const { return buffer_.empty() && !readable(fd_, 0); }
     bool atEnd() { return buffer_.empty() && !fill() && ended_; }
@@ -182,7 +219,7 @@ public:
     }
 
     std::string greeting;
-    pid_t worker = 0;  // that serves this connection
+    pid_t worker = 0, master = 0;  // that serves this connection, and its parent
 
 private:
     bool fill() {
@@ -193,9 +230,7 @@ private:
         if (got > 0) buffer_.append(bytes, static_cast<size_t>(got));
         return got > 0;
     }
-    std::string block(size_t count) {
-        while (buffer_.size() < count + 1)
-            if (!fill()) return "<no data>";
+    std::string take(size_t count) {
         const std::string bytes = buffer_.substr(0, count);
         buffer_.erase(0, count + 1);
         return bytes;
@@ -206,10 +241,85 @@ private:
     std::string buffer_;
 };
 
-// A client that another worker serves.
-inline FiledClient clientOfAnotherWorker(const FiledServer &server, pid_t than) {
-    for (;;) {
-        FiledClient client(server);
-        if (client.worker != than || ::testing::Test::HasFailure()) return client;
+// Plays a transcript on connections that are numbered and made when they first appear:
+//
+//   2! 1         2 is to be served by another worker than 1
+//   1> request => reply    is sent, and what comes next is the reply; * stands for anything, %1 for the
+//                process id of 1's worker, and lines of information ("- ...") are skipped unless one
+//                is asked for. Each of the two also alone: "1> request", "1< reply"
+//   1? request => reply    the same again and again until it is the reply
+//   1~           nothing has come;   1$  the connection is broken off;   1.  the server has ended it
+class Transcript {
+public:
+    explicit Transcript(const FiledServer &server) : server_(server) {}
+
+    void play(const std::string &script) {
+        std::istringstream lines(script);
+        for (std::string line; std::getline(lines, line);) {
+            line.erase(0, line.find_first_not_of(' '));
+            if (line.empty()) continue;
+            SCOPED_TRACE(line);
+            const size_t arrow = line.find(" => ");
+            if (arrow != line.npos) {
+                step(line[0], line[1], withPids(line.substr(3, arrow - 3)));
+                line = line.substr(0, 1) + "<" + line.substr(arrow + 3);
+            }
+            step(line[0], line[1], withPids(line.substr(std::min(line.size(), size_t{3}))));
+        }
     }
+    FiledClient &operator[](char name) { return clients_.try_emplace(name, server_).first->second; }
+
+private:
+    void step(char name, char what, const std::string &text) {
+        if (what == '!')
+            return (void)clients_.emplace(name, FiledClient(server_, (*this)[text[0]].worker));
+        FiledClient &client = (*this)[name];
+        switch (what) {
+        case '>':
+            return client.send(text + '\n');
+        case '?':
+            repeated_ = text;
+            return;
+        case '<':
+            return expect(client, text);
+        case '~':
+            EXPECT_TRUE(client.quiet());
+            return;
+        case '$':
+            return client.reset();
+        case '.':
+            EXPECT_TRUE(client.atEnd());
+            return;
+        default:
+            ADD_FAILURE() << "no such step";
+        }
+    }
+    void expect(FiledClient &client, const std::string &pattern) {
+        const std::string request = std::exchange(repeated_, "");
+        std::string reply;
+        const auto until =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
+        bool good = false;
+        do {
+            if (!request.empty()) client.send(request + '\n');
+            do {
+                reply = client.line();
+                good = ::fnmatch(pattern.c_str(), reply.c_str(), 0) == 0;
+            } while (!good && reply.starts_with("- "));
+        } while (!good && !request.empty() && std::chrono::steady_clock::now() < until);
+        EXPECT_TRUE(good) << reply;
+    }
+    std::string withPids(std::string text) {
+        for (size_t at; (at = text.find('%')) != std::string::npos;)
+            text.replace(at, 2, std::to_string((*this)[text[at + 1]].worker));
+        return text;
+    }
+
+    const FiledServer &server_;
+    std::map<char, FiledClient> clients_;
+    std::string repeated_;
+};
+
+inline void play(const FiledServer &server, const std::string &script) {
+    Transcript(server).play(script);
 }

@@ -1,6 +1,6 @@
 #!/bin/sh
-# A C program built with plain cc and pkg-config, on the shared library and on the static one; the
-# tree is moved first, since a package is seldom used where it was built.
+# A C program built with plain cc and pkg-config, on the shared library and on the static one, from a
+# tree that was moved.
 . "${0%/*}/common.sh"
 
 cp -a "$TREE" "$scratch/moved"
@@ -8,11 +8,12 @@ moved=$scratch/moved/${LIBDIR#"$TREE/"}
 export PKG_CONFIG_PATH="$moved/pkgconfig"
 program=$here/consumer/consumer.c
 [ "$(pkg-config --modversion iosched)" = 7.1.0 ] || fail "version"
+[ "$(pkg-config --variable=includedir iosched)" = "$TREE/include" ] || fail "odd path"
 
 # shellcheck disable=SC2046  # lists of options
-"$CC" -o "$scratch/shared" "$program" $(pkg-config --cflags --libs iosched) -Wl,-rpath,"$moved"
+"$CC" -o "$scratch/shared" "$program" $(pkg-config --define-prefix --cflags --libs iosched) -Wl,-rpath,"$moved"
 # shellcheck disable=SC2046
-"$CC" -o "$scratch/static" -static "$program" $(pkg-config --static --cflags --libs iosched)
+"$CC" -o "$scratch/static" -static "$program" $(pkg-config --define-prefix --static --cflags --libs iosched)
 
 for kind in shared static; do
     said=$("$scratch/$kind") || fail "the $kind program failed"

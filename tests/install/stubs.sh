@@ -49,7 +49,7 @@ nm "$scratch/innocent" | grep -wE ' [Tt] (pause|sleep|usleep|popen|pclose|system
 # What packagers do to the shared library leaves the warnings in it.
 mkdir "$scratch/packaged"
 # shellcheck disable=SC2086
-"$CC" -shared -Wl,--gc-sections -Wl,-u,ioschedSystemWarning -Wl,--version-script="$VERSION_SCRIPT" \
+"$CC" -shared -Wl,--gc-sections -Wl,-u,_ZN11iosched_lib13systemWarningE -Wl,--version-script="$VERSION_SCRIPT" \
     -o "$scratch/packaged/libiosched.so" $OBJECTS
 strip --strip-unneeded --remove-section=.comment "$scratch/packaged/libiosched.so"
 link "-L$scratch/packaged -liosched" caller "$here/calls_stubs.c"

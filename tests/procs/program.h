@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/loop.h"
+#include "support/scratch_dir.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -46,12 +47,10 @@ inline int statusOf(pid_t pid) {
     return ReportedChild(pid).await();
 }
 
-// Opens, reads and closes.
-inline std::string readFile(const std::string &path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    std::string text = readAll(fd);
-    ::close(fd);
-    return text;
+// Waits, outside the loop, until a child has ended.
+inline void awaitZombie(pid_t pid) {
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
 }
 
 inline bool hasChildren() {
@@ -69,4 +68,8 @@ inline uint64_t maskIn(const std::string &status, const std::string &name) {
 
 inline uint64_t maskOf(int sig) {
     return uint64_t{1} << (sig - 1);
+}
+
+inline uint64_t presentMask() {
+    return maskIn(readFile("/proc/thread-self/status"), "SigBlk:");
 }

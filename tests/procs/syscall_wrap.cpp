@@ -3,10 +3,11 @@
 #include <cerrno>
 #include <cstdarg>
 #include <fcntl.h>
-#include <sys/types.h>
+#include <sys/wait.h>
 #include <utility>
 
 bool failNextFork = false;
+bool forksAwaitTheEnd = false;
 
 namespace {
 
@@ -29,9 +30,15 @@ pid_t __wrap_fork(void);
 int __wrap_open(const char *path, int flags, ...);
 
 pid_t __wrap_fork(void) {
-    if (!std::exchange(failNextFork, false)) return __real_fork();
-    errno = EAGAIN;
-    return -1;
+    if (std::exchange(failNextFork, false)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const pid_t pid = __real_fork();
+    siginfo_t info;
+    if (pid > 0 && forksAwaitTheEnd)
+        (void)::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+    return pid;
 }
 
 int __wrap_open(const char *path, int flags, ...) {

@@ -25,6 +25,10 @@ trap 'rm -f "$console"' EXIT
 timeout -k 5 120 linux.uml mem=256M con=null con0=null,fd:1 quiet \
     root=/dev/root rootfstype=hostfs rootflags=/ ro "init=$init" "iosched_tests=$tests" \
     >"$console" 2>&1 </dev/null || true
+# The user-mode kernel keeps room for the registers of processors that it knows.
+if grep -q 'ptrace set fp regs failed' "$console"; then
+    die 'user-mode Linux does not run on this processor; try another machine'
+fi
 grep -q '^quota guest: passed' "$console" || {
     cat "$console" >&2
     die 'the test did not pass'

@@ -19,6 +19,32 @@ void countSignal(int) {
     ++signalCalls;
 }
 
+// 0: the system's own. Few systems let a test have more descriptors than the library takes.
+int pretendedLimit = 0;
+
+}  // namespace
+
+extern "C" {
+int __real_getdtablesize();
+int __real_setrlimit(__rlimit_resource_t resource, const rlimit *limit);
+
+int __wrap_getdtablesize();
+int __wrap_setrlimit(__rlimit_resource_t resource, const rlimit *limit);
+
+int __wrap_getdtablesize() {
+    return pretendedLimit != 0 ? pretendedLimit : __real_getdtablesize();
+}
+
+int __wrap_setrlimit(__rlimit_resource_t resource, const rlimit *limit) {
+    if (pretendedLimit == 0) return __real_setrlimit(resource, limit);
+    EXPECT_EQ(limit->rlim_cur, limit->rlim_max);
+    pretendedLimit = static_cast<int>(limit->rlim_cur);
+    return 0;
+}
+}
+
+namespace {
+
 TEST(InitSched, JudgesTheCallersVersion) {
     constexpr struct {
         int major, minor, result;
@@ -51,13 +77,17 @@ TEST(InitSched, CountsAndClosesTheSignalPipeWithTheLast) {
     const int before = countOpenDescriptors();
     startLibrary();
     const int started = countOpenDescriptors();
-    EXPECT_EQ(started, before + 2);
-    startLibrary();
+    EXPECT_EQ(started, before + 4);  // the pipe, a signalfd, the set of parked ones
+    ASSERT_EQ(catchSignal(SIGUSR1, countSignal), SIG_DFL);
+    startLibrary();  // only counts: what is caught stays blocked
+    ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
+    EXPECT_EQ(signalCalls, 0);
+    EXPECT_EQ(iosched(0), 1);
     EXPECT_EQ(countOpenDescriptors(), started);
     EXPECT_EQ(ExitSched(), 1);
     EXPECT_EQ(ExitSched(), 0);
+    EXPECT_EQ(iosched(0), 0);  // nobody polls the closed pipe, and nothing comes back
     EXPECT_EQ(countOpenDescriptors(), before);
-    EXPECT_EQ(iosched(0), 0);  // nobody polls the closed pipe
     EXPECT_EQ(WTERMSIG(inChild([] { (void)ExitSched(); })), SIGABRT);
 }
 
@@ -86,18 +116,14 @@ TEST(InitSched, NamesTheModuleThatFailedAndStartsAgain) {
         EXPECT_EQ(countOpenDescriptors(), before + 2);
     }
     startLibrary();
-    EXPECT_EQ(countOpenDescriptors(), before + 2);
+    EXPECT_EQ(countOpenDescriptors(), before + 4);
     EXPECT_EQ(msleep(1), 0);
 }
 
 TEST(InitSched, LowersAVeryHighDescriptorLimit) {
-    const rlimit high{65536, 65536};
-    if (::setrlimit(RLIMIT_NOFILE, &high) == -1) GTEST_SKIP() << "the hard limit is too low";
+    pretendedLimit = 65536;
     startLibrary();
-    rlimit now{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &now), 0);
-    EXPECT_EQ(now.rlim_cur, 32767U);
-    EXPECT_EQ(now.rlim_max, 32767U);
+    EXPECT_EQ(pretendedLimit, 32767);
     EXPECT_EQ(registerInput(32766, nullptr, nullptr), 0);
     EXPECT_EQ(registerInput(32767, nullptr, nullptr), -1);
 }
@@ -114,65 +140,29 @@ TEST(InitSched, LeavesTheStandardDescriptorsToTheProgram) {
             for (int fd = 3; fd < 9; ++fd) {
                 if (::fcntl(fd, F_GETFD) == -1) continue;
                 EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
-                EXPECT_NE(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+                EXPECT_TRUE(fd >= 5 || (::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0);  // the pipe
             }
             EXPECT_EQ(msleep(1), 0);
         });
     }
 }
 
-TEST(InitSched, SecondStartKeepsWhatIsRegistered) {
-    startLibrary();
-    TestPipe pipe;
-    TestTimer timer(1);
-    TestCall call;
-    pipe.input([&] { pipe.drain(); });
-    startTimer(&timer);
-    registerDelayedCall(&call);
-    ASSERT_EQ(ExitSched(), 0);
-    pipe.fill();
-    startLibrary();
-    EXPECT_TRUE(runUntil([&] { return pipe.inputs == 1 && timer.fired == 1 && call.calls == 1; }));
-}
-
-TEST(InitSched, SecondStartCallsNoSignalCallbackItself) {
+// And one that does not, holds them back no more until they are caught again.
+TEST(InitSched, ASecondStartThatFailsHoldsSignalsBackAsBefore) {
     startLibrary();
     ASSERT_EQ(catchSignal(SIGUSR1, countSignal), SIG_DFL);
-    ASSERT_EQ(catchSignal(SIGUSR2, countSignal), SIG_DFL);
     ASSERT_EQ(ExitSched(), 0);
+    {
+        const DescriptorLimit limit(lowestFreeDescriptor());
+        EXPECT_NE(messageOf(7, 1, SCHED_ERR_SYSTEM), "");
+    }
+    (void)iosched(0);
     ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
-    (void)iosched(0);  // delivers it, with no pipe to tell of it
-    ASSERT_EQ(::kill(::getpid(), SIGUSR2), 0);
-    startLibrary();
     EXPECT_EQ(signalCalls, 0);
-    EXPECT_EQ(iosched(-1), 1);
-    EXPECT_EQ(signalCalls, 2);
-}
-
-TEST(InitSched, MayBeTakenBackAndRepeatedInACallback) {
     startLibrary();
-    TestPipe first, second;
-    first.input([&] {
-        first.drain();
-        EXPECT_EQ(ExitSched(), 0);
-        startLibrary();
-    });
-    second.input([&] { second.drain(); });
-    first.fill();
-    second.fill();
-    EXPECT_EQ(iosched(0), 2);
-    EXPECT_EQ(second.inputs, 1);
-    static int restarts = 0;
-    ASSERT_EQ(catchSignal(SIGUSR1,
-                          [](int) {
-                              EXPECT_EQ(ExitSched(), 0);
-                              startLibrary();
-                              ++restarts;
-                          }),
-              SIG_DFL);
+    EXPECT_TRUE(runUntil([] { return signalCalls == 1; }));
     ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
-    EXPECT_TRUE(runUntil([&] { return restarts == 1; }));
-    EXPECT_EQ(msleep(1), 0);
+    EXPECT_EQ(signalCalls, 2);
 }
 
 }  // namespace

@@ -26,38 +26,26 @@ using Log = std::vector<int>;
 using Signals = LoopTest;
 
 TEST_F(Signals, CatchSignalReportsThePreviousHandler) {
-    EXPECT_EQ(catchSignal(SIGINT, record), SIG_DFL);
-    EXPECT_EQ(catchSignal(SIGINT, other), record);
-    EXPECT_EQ(catchSignal(SIGINT, SIG_IGN), other);
-    EXPECT_EQ(catchSignal(SIGINT, record), SIG_IGN);
-    EXPECT_EQ(catchSignal(SIGINT, SIG_DFL), record);
-    EXPECT_EQ(catchSignal(SIGINT, SIG_DFL), SIG_DFL);
-    ASSERT_NE(::signal(SIGINT, other), SIG_ERR);  // installed outside the library
-    EXPECT_EQ(catchSignal(SIGINT, record), other);
+    EXPECT_EQ(catchSignal(SIGUSR1, record), SIG_DFL);
+    EXPECT_EQ(catchSignal(SIGUSR1, other), record);
+    EXPECT_EQ(catchSignal(SIGUSR1, SIG_IGN), other);
+    EXPECT_EQ(catchSignal(SIGUSR1, record), SIG_IGN);
+    EXPECT_EQ(catchSignal(SIGUSR1, SIG_DFL), record);
+    EXPECT_EQ(catchSignal(SIGUSR1, SIG_DFL), SIG_DFL);
+    ASSERT_NE(::signal(SIGUSR1, other), SIG_ERR);  // installed outside the library
+    EXPECT_EQ(catchSignal(SIGUSR1, record), other);
     for (const int sig : {SIGKILL, SIGSTOP, 0, -1, 65, 1000}) {
         errno = 0;
         EXPECT_EQ(catchSignal(sig, record), SIG_ERR) << sig;
         EXPECT_EQ(errno, EINVAL);
     }
     errno = 0;
-    EXPECT_EQ(catchSignal(SIGINT, SIG_ERR), SIG_ERR);
+    EXPECT_EQ(catchSignal(SIGUSR1, SIG_ERR), SIG_ERR);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(catchSignal(SIGINT, other), record);  // as it was
+    EXPECT_EQ(catchSignal(SIGUSR1, other), record);  // as it was
     EXPECT_EQ(catchSignal(SIGRTMAX, record), SIG_DFL);
     raiseHere(SIGRTMAX);
     EXPECT_TRUE(runUntil([] { return arrived == Log{SIGRTMAX}; }));
-}
-
-TEST_F(Signals, HeldBackRunOnceEachInAscendingOrder) {
-    (void)catchSignal(SIGUSR1, record);
-    (void)catchSignal(SIGUSR2, record);
-    raiseHere(SIGUSR2);
-    for (int i = 0; i < 3; ++i)
-        raiseHere(SIGUSR1);
-    EXPECT_TRUE(arrived.empty());
-    EXPECT_EQ(iosched(-1), 1);  // delivered just before poll, which finds the pipe readable
-    EXPECT_EQ(arrived, (Log{SIGUSR1, SIGUSR2}));
-    EXPECT_EQ(iosched(0), 0);
 }
 
 TEST_F(Signals, FromAnotherProcessEndTheWaitBeforeTheCallback) {
@@ -69,20 +57,12 @@ TEST_F(Signals, FromAnotherProcessEndTheWaitBeforeTheCallback) {
     EXPECT_TRUE(arrived.empty());
     EXPECT_EQ(iosched(-1), 1);
     EXPECT_EQ(arrived, Log{SIGUSR1});
-}
-
-TEST_F(Signals, ANestedPassDispatchesLaterOnes) {
-    (void)catchSignal(SIGUSR1, record);
-    (void)catchSignal(SIGUSR2, record);
-    onFirst = [] {  // in the callback of SIGUSR2, the higher number
-        raiseHere(SIGUSR1);
-        EXPECT_TRUE(runUntil([] { return arrived.size() == 2; }));
-        raiseHere(SIGUSR2);
-        EXPECT_TRUE(runUntil([] { return arrived.size() == 3; }));
-    };
-    raiseHere(SIGUSR2);
-    EXPECT_EQ(iosched(-1), 1);
-    EXPECT_EQ(arrived, (Log{SIGUSR2, SIGUSR1, SIGUSR2}));
+    EXPECT_EQ(sender.await(), 0);
+    // A handler past the library ends it too; and nothing else here, not the sender's end.
+    ASSERT_NE(::signal(SIGUSR2, other), SIG_ERR);
+    (void)catchSignal(SIGCHLD, SIG_DFL);
+    EXPECT_GT(signalWhenAsleep(SIGUSR2), 0);
+    EXPECT_EQ(iosched(20), -1);
 }
 
 // The wait inside the callback is interrupted by a signal that the dispatch has already gone past,
@@ -104,24 +84,12 @@ TEST_F(Signals, AMarkLeftByANestedPassIsNotDrained) {
     EXPECT_EQ(sender->await(), 0);
 }
 
-TEST_F(Signals, IgnoringDropsWhatHasArrived) {
-    (void)catchSignal(SIGUSR1, record);
-    (void)catchSignal(SIGUSR2, record);
-    onFirst = [] { EXPECT_EQ(catchSignal(SIGUSR2, SIG_IGN), record); };
-    raiseHere(SIGUSR1);
-    raiseHere(SIGUSR2);
-    EXPECT_EQ(iosched(-1), 1);
-    EXPECT_EQ(arrived, Log{SIGUSR1});
-    EXPECT_EQ(catchSignal(SIGUSR2, record), SIG_IGN);
-    EXPECT_EQ(iosched(0), 0);
-    EXPECT_EQ(arrived, Log{SIGUSR1});
-}
-
 TEST_F(Signals, EnableSignalsRunsCallbacksAtOnceAndKeepsErrno) {
     (void)catchSignal(SIGUSR1, [](int sig) {
         record(sig);
         errno = EPROTO;
     });
+    EXPECT_EQ(iosched(0), 0);
     EXPECT_EQ(enableSignals(), 0);
     errno = ENOENT;
     raiseHere(SIGUSR1);
@@ -134,44 +102,60 @@ TEST_F(Signals, EnableSignalsRunsCallbacksAtOnceAndKeepsErrno) {
     EXPECT_EQ(arrived, (Log{SIGUSR1, SIGUSR1}));
 }
 
+sigset_t maskNow() {
+    sigset_t mask;
+    (void)::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    return mask;
+}
+
+// By a pass that has something to serve, and so need not touch the mask for its own sake.
+TEST_F(Signals, AMaskSetPastTheLibraryIsPutBack) {
+    (void)catchSignal(SIGUSR1, record);
+    TestPipe pipe;
+    bool blocked = true;
+    pipe.input([&] {
+        const sigset_t mask = maskNow();
+        blocked = sigismember(&mask, SIGUSR1) == 1 && sigismember(&mask, SIGUSR2) == 0;
+    });
+    pipe.fill();
+    sigset_t wrong;
+    (void)sigemptyset(&wrong);
+    for (const int added : {0, SIGUSR2}) {  // the caught one unblocked, another one blocked
+        if (added != 0) (void)sigaddset(&wrong, added);
+        ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &wrong, nullptr), 0);
+        EXPECT_EQ(iosched(-1), 1);
+        EXPECT_TRUE(blocked);
+    }
+    for (int pass = 0; pass < 5000; ++pass) {
+        EXPECT_EQ(iosched(-1), 1);
+        EXPECT_TRUE(blocked);
+    }
+    (void)catchSignal(SIGUSR1, [](int) { (void)iosched(0); });
+    EXPECT_EQ(enableSignals(), 0);
+    raiseHere(SIGUSR1);  // a pass inside the handler, whose return lets signals in again
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_TRUE(blocked);
+    ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &wrong, nullptr), 0);
+    for (int pass = 0; pass < 65; ++pass)
+        EXPECT_EQ(iosched(-1), 1);
+    EXPECT_TRUE(blocked);
+}
+
 TEST_F(Signals, AFullPipeLosesNothing) {
     static int calls = 0;
     (void)catchSignal(SIGUSR1, [](int) { ++calls; });
     (void)catchSignal(SIGUSR2, record);
-    holdSignalCallbacks();
+    holdSignalCallbacks(true);
     (void)enableSignals();
     for (int i = 0; i < 70000; ++i)  // a byte each; a pipe holds 65536
         raiseHere(SIGUSR1);
     raiseHere(SIGUSR2);
     (void)disableSignals();
-    releaseSignalCallbacks();
+    holdSignalCallbacks(false);
     EXPECT_EQ(iosched(-1), 1);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(arrived, Log{SIGUSR2});
     EXPECT_EQ(iosched(0), 0);
-}
-
-// The child returns from ioFork inside the signal's callback, under the parent's frames; what they
-// do with the pipe afterwards must concern the child's own.
-TEST_F(Signals, ForkingInASignalCallbackKeepsBothLoopsAlive) {
-    static pid_t pid = -1;
-    static std::unique_ptr<ReportedChild> child;
-    (void)catchSignal(SIGUSR1, [](int) {
-        pid = ioFork();
-        if (pid != 0) child = std::make_unique<ReportedChild>(pid);
-    });
-    (void)catchSignal(SIGUSR2, record);
-    const int before = countOpenDescriptors();
-    raiseHere(SIGUSR1);
-    raiseHere(SIGUSR2);
-    EXPECT_EQ(iosched(-1), 1);
-    EXPECT_EQ(countOpenDescriptors(), before);
-    EXPECT_EQ(arrived, Log{SIGUSR2});  // in the child too, which inherited the mark
-    EXPECT_EQ(msleep(1), 0);
-    raiseHere(SIGUSR2);
-    EXPECT_TRUE(runUntil([] { return arrived.size() == 2; }));
-    if (pid == 0) ::_exit(HasFailure() ? 1 : 0);
-    EXPECT_EQ(child->await(), 0);
 }
 
 TEST_F(Signals, AChildWithoutAPipeLosesNoSignal) {
@@ -196,13 +180,13 @@ TEST_F(Signals, AChildWithoutAPipeLosesNoSignal) {
     raiseHere(SIGUSR1);
     EXPECT_TRUE(runUntil([] { return arrived.size() == 1; }));
     raiseHere(SIGUSR1);
-    EXPECT_EQ(iosched(0), 0);  // delivered in this pass: a mark without a byte
+    EXPECT_EQ(iosched(-1), 0);  // delivered in this pass: a mark without a byte
     EXPECT_EQ(iopeek(), 1);
     EXPECT_EQ(arrived.size(), 1U);
     const DescriptorLimit enough(1024);
     EXPECT_EQ(iosched(-1), 1);  // makes the pipe, which tells of the mark
     EXPECT_EQ(arrived.size(), 2U);
-    EXPECT_EQ(countOpenDescriptors(), before);
+    EXPECT_LE(countOpenDescriptors(), before);
     EXPECT_EQ(iosched(0), 0);
     ::_exit(HasFailure() ? 1 : 0);
 }

@@ -81,14 +81,13 @@ TEST_F(SharedChunks, StaySoundWhileFourProcessesAllocateAndFree) {
         }
         for (const pid_t worker : workers)
             EXPECT_EQ(waitForChild(worker), 0);
-        const ArenaContents now = contents();
-        ASSERT_EQ(now.fault, "") << "after round " << round;
+        ASSERT_EQ(fault(), "") << "after round " << round;
         EXPECT_EQ(field<uint32_t>(0x28), 0u) << "nobody holds the mutex";
     }
-    for (const ArenaBlock &block : contents().allocatedBlocks)
-        for (uint32_t i = 0; i < block.references; ++i)
-            EXPECT_EQ(FreeSharedChunk(arena, &field<char>(block.offset + 40)), 0u);
-    EXPECT_EQ(contents().freeBlocks.at(0).size, 32768u - 72);
+    for (const HeapBlock &block : blocks())
+        for (uint32_t i = 0; block.allocated && i < block.references; ++i)
+            EXPECT_EQ(FreeSharedChunk(arena, &field<char>(block.data())), 0u);
+    EXPECT_EQ(blocks().at(0).size, 32768u - 72);
 }
 
 }  // namespace

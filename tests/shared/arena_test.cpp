@@ -1,41 +1,51 @@
 #include "iosched/shared.h"
 
-#include "iosched/procs.h"
+#include "shared/call_wrap.h"
 #include "support/in_child.h"
 #include "support/test_arena.h"
-#include "util/own_mounts.h"
 
 #include <cerrno>
 #include <cstring>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 
 namespace {
 
 class Arena : public TestArena {
 protected:
-    void close() { EXPECT_EQ(CloseSharedArena(std::exchange(arena, nullptr)), 0u); }
+    ~Arena() override {
+        callHook = nullptr;
+        flockHook = nullptr;
+    }
 
-    uint32_t openWithOutputKept(int flags) {
+    uint32_t openWithOutputKept(int flags, uint64_t bytes = 4096) {
         auto *const untouched = reinterpret_cast<SharedArena *>(&size);
         SharedArena *out = untouched;
-        const uint32_t code = OpenSharedArena(path.c_str(), flags, 0600, 4096, &out);
+        const uint32_t code = OpenSharedArena(path.c_str(), flags, 0600, bytes, &out);
+        if (code == 0) CloseSharedArena(std::exchange(out, untouched));
         EXPECT_EQ(out, untouched);
         return code;
     }
+    // An arena with a chunk, that nobody has open.
+    void leaveIdleArena(uint64_t bytes = 4096) {
+        ASSERT_EQ(open(SHARED_ARENA_CREATE, bytes), 0u);
+        ASSERT_NE(allocate("old", 64), nullptr);
+        close();
+    }
+    bool hasOldChunk() {
+        const bool attached = open(0) == 0;
+        const bool found = attached && allocate("old", 0) != nullptr;
+        if (attached) close();
+        return found;
+    }
 };
 
-std::string readFile(const std::string &path) {
-    std::string bytes(static_cast<size_t>(fileSize(path)), '\0');
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(::read(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    ::close(fd);
-    return bytes;
-}
-
 TEST_F(Arena, ANewFileHoldsTheHeaderOneFreeBlockAndZeros) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE, 5000), 0u);
+    ::umask(0);
+    ASSERT_EQ(OpenSharedArena(path.c_str(), SHARED_ARENA_CREATE, 0640, 5000, &arena), 0u);
+    struct stat status;
+    EXPECT_EQ(::fstat(arena->descriptor, &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0640u);
     EXPECT_EQ(arena->base, arena->mapAddress);
     EXPECT_EQ(arena->mapLength, 8192u);
     EXPECT_EQ(arena->size, 8192u);
@@ -45,76 +55,60 @@ TEST_F(Arena, ANewFileHoldsTheHeaderOneFreeBlockAndZeros) {
 
     std::string bytes = readFile(path);
     ASSERT_EQ(bytes.size(), 8192u);
-    const unsigned char fields[] = {
-        0,    0,    0,    0,    0, 0, 0, 0,  // holder, padding
-        0x93, 0x70, 0x31, 0x51, 1, 0, 0, 0,  // magic, version
-        0x48, 0,    0,    0,    0, 0, 0, 0,  // free list
-        0,    0,    0,    0,    0, 0, 0, 0,  // allocated list
-        0,    0,    0,    0,    0, 0, 0, 0,  // the free block: next
-        0,    0,    0,    0,    0, 0, 0, 0,  // name
-        0xb8, 0x1f, 0,    0,    0, 0, 0, 0,  // block size 8120
-    };
+    const uint64_t fields[] = {0, 0x0000000151317093, 0x48, 0, 0, 0, 8120};  // from the holder on
     EXPECT_EQ(std::memcmp(bytes.data() + 0x28, fields, sizeof fields), 0);
     bytes.erase(0, 0x28 + sizeof fields);
     EXPECT_EQ(bytes, std::string(bytes.size(), '\0'));
 }
 
-TEST_F(Arena, ModeIsThatOfACreatedFile) {
-    ::umask(0);
-    EXPECT_EQ(OpenSharedArena(path.c_str(), SHARED_ARENA_CREATE, 0640, 4096, &arena), 0u);
-    struct stat status;
-    EXPECT_EQ(::stat(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0640u);
-}
-
-TEST_F(Arena, CreatingOnAnArenaInUseAttachesAndOnAnIdleOneStartsAfresh) {
+TEST_F(Arena, CreatingOnOneInUseAttachesAndOnAnIdleOneStartsAfresh) {
     ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-    ASSERT_NE(allocate("kept", 64), nullptr);
+    ASSERT_NE(allocate("old", 64), nullptr);
+    EXPECT_EQ(remove(), kBusy);
     SharedArena *first = std::exchange(arena, nullptr);
-    ASSERT_EQ(open(SHARED_ARENA_CREATE, 65536), 0u);
-    EXPECT_EQ(arena->mapLength, 4096u);
-    EXPECT_NE(arena->base, first->base);
-    EXPECT_NE(allocate("kept", 0), nullptr);
-    close();
-    CloseSharedArena(first);
-
-    ASSERT_EQ(open(0, 65536), 0u);
-    EXPECT_NE(allocate("kept", 0), nullptr) << "an idle file keeps its contents";
-    close();
+    for (const uint64_t bytes : {uint64_t{65536}, UINT64_MAX}) {
+        ASSERT_EQ(open(SHARED_ARENA_CREATE, bytes), 0u) << "an attacher's size means nothing";
+        EXPECT_EQ(arena->mapLength, 4096u);
+        EXPECT_NE(arena->base, first->base);
+        EXPECT_NE(allocate("old", 0), nullptr);
+        close();
+    }
+    EXPECT_EQ(CloseSharedArena(first), 0u);
+    EXPECT_TRUE(hasOldChunk()) << "an idle file keeps its contents";
     ASSERT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u);
     EXPECT_EQ(arena->mapLength, 8192u);
-    EXPECT_EQ(allocate("kept", 0), nullptr);
-    EXPECT_EQ(contents().fault, "");
+    EXPECT_EQ(allocate("old", 0), nullptr);
+    EXPECT_EQ(fault(), "");
+    close();
+    EXPECT_EQ(remove(), 0u);
+    EXPECT_EQ(fileSize(path), -1);
 }
 
-TEST_F(Arena, SizeZeroEmptiesAnIdleFileAndFails) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-    close();
-    errno = 0;
-    EXPECT_EQ(open(SHARED_ARENA_CREATE, 0), kSystemError);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(fileSize(path), 0);
-}
-
-TEST_F(Arena, ASizeThatCannotBeRoundedUpLeavesTheFileAlone) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-    ASSERT_NE(allocate("kept", 64), nullptr);
-    SharedArena *first = std::exchange(arena, nullptr);
-    EXPECT_EQ(open(SHARED_ARENA_CREATE, UINT64_MAX), 0u) << "an attacher's size means nothing";
-    close();
-    CloseSharedArena(first);
-    for (const uint64_t huge : {UINT64_MAX, UINT64_MAX - 4094}) {
-        errno = 0;
-        EXPECT_EQ(open(SHARED_ARENA_CREATE, huge), kSystemError);
-        EXPECT_EQ(errno, EINVAL);
+TEST_F(Arena, SizesThatCannotBeAreRefusedBeforeTheOldContentsGo) {
+    const struct {
+        uint64_t bytes;
+        int error;
+        bool isKept = true;
+    } rows[] = {
+        {UINT64_MAX, EINVAL}, {UINT64_MAX - 4094, EINVAL}, {8193, EFBIG}, {0, EINVAL, false}};
+    for (const auto &row : rows) {
+        leaveIdleArena();
+        EXPECT_CHILD_OK([&] {
+            const rlimit twoPages{8192, 8192};  // SIGXFSZ at a third
+            ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &twoPages), 0);
+            EXPECT_EQ(openWithOutputKept(SHARED_ARENA_CREATE, row.bytes), kSystemError);
+            EXPECT_EQ(errno, row.error);
+            EXPECT_EQ(fileSize(path), row.isKept ? 4096 : 0);
+            EXPECT_EQ(hasOldChunk(), row.isKept);
+            EXPECT_EQ(openWithOutputKept(SHARED_ARENA_CREATE, 8192), 0u);
+        });
     }
-    ASSERT_EQ(open(0), 0u);
-    EXPECT_NE(allocate("kept", 0), nullptr);
 }
 
+// Files for one who attaches; and for a creator while another process holds them, who waits for
+// what can still become an arena, but not for anything else.
 TEST_F(Arena, FilesThatAreNoArenaGetACode) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u);
-    close();
+    leaveIdleArena(8192);
     const std::string good = readFile(path);
     std::string strange = good, newer = good;
     strange[0x30] = 'x';
@@ -123,32 +117,44 @@ TEST_F(Arena, FilesThatAreNoArenaGetACode) {
         const char *what;
         std::string bytes;
         uint32_t code;
-    } files[] = {
-        {"empty", "", SCHED_ERR_SYSTEM},
-        {"zeros", std::string(4096, '\0'), SHARED_ERR_MAGIC},
+        bool isWaitedFor = false;
+    } rows[] = {
+        {"empty", "", SCHED_ERR_SYSTEM, true},
+        {"zeros", std::string(4096, '\0'), SHARED_ERR_MAGIC, true},
         {"one byte", "x", SHARED_ERR_MAGIC},
         {"text of odd length", std::string(5000, 't'), SHARED_ERR_MAGIC},
         {"another magic", strange, SHARED_ERR_MAGIC},
         {"cut before the version", good.substr(0, 0x34), SHARED_ERR_VERSION},
-        {"cut inside the header", good.substr(0, 0x40), SHARED_ERR_MAGIC},
-        {"cut inside a page", good.substr(0, 5000), SHARED_ERR_MAGIC},
-        {"added to", good + "tail", SHARED_ERR_MAGIC},
         {"version 2", newer, SHARED_ERR_VERSION},
+        {"cut inside the header", good.substr(0, 0x40), 0},
+        {"cut inside a page", good.substr(0, 5000), 0},
+        {"added to", good + "tail", 0},
     };
     const int before = openDescriptors();
-    for (const auto &file : files) {
-        SCOPED_TRACE(file.what);
-        writeFile(path, file.bytes);
-        EXPECT_EQ(openWithOutputKept(0), file.code);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        writeFile(path, row.bytes);
+        EXPECT_EQ(openWithOutputKept(0), row.code);
+        const int holder = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+        ASSERT_EQ(::flock(holder, LOCK_SH), 0);
+        int locks = 0;
+        flockHook = [&](LockMoment) { ++locks; };
+        EXPECT_EQ(openWithOutputKept(SHARED_ARENA_CREATE), row.code);
+        if (row.code == kSystemError) {
+            EXPECT_EQ(errno, EINVAL);
+        }
+        flockHook = nullptr;
+        EXPECT_EQ(locks > 2, row.isWaitedFor);
+        ::close(holder);
     }
     EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(DeleteSharedArena(path.c_str()), 0u) << "no lock was left behind";
+    EXPECT_EQ(remove(), 0u) << "no lock was left behind";
 }
 
 TEST_F(Arena, FailuresOfTheSystemKeepTheirErrno) {
     EXPECT_EQ(openWithOutputKept(0), kSystemError);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(DeleteSharedArena(path.c_str()), kSystemError);
+    EXPECT_EQ(remove(), kSystemError);
     EXPECT_EQ(errno, ENOENT);
     writeFile(path, "x");
     EXPECT_EQ(openWithOutputKept(SHARED_ARENA_CREATE | SHARED_ARENA_EXCLUSIVE), kSystemError);
@@ -156,94 +162,134 @@ TEST_F(Arena, FailuresOfTheSystemKeepTheirErrno) {
     EXPECT_EQ(fileSize(path), 1);
 }
 
-TEST_F(Arena, IsDeletedOnlyOnceNobodyHasItOpen) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-    EXPECT_EQ(DeleteSharedArena(path.c_str()), static_cast<uint32_t>(SHARED_ERR_BUSY));
-    EXPECT_CHILD_OK([this] {
-        EXPECT_EQ(DeleteSharedArena(path.c_str()), static_cast<uint32_t>(SHARED_ERR_BUSY));
-    });
-    EXPECT_EQ(fileSize(path), 4096);
-    close();
-    EXPECT_EQ(DeleteSharedArena(path.c_str()), 0u);
-    EXPECT_EQ(fileSize(path), -1);
-}
-
-TEST_F(Arena, AFullFileSystemShowsWhenTheArenaIsCreated) {
-    runWithOwnMounts([] {
-        const std::string full = newTmpfs("full", "size=64k") + "/arena";
-        SharedArena *none = nullptr;
+TEST_F(Arena, ACallThatFailsIsReportedOnceAndLeavesNothingOpenNorTheDiskFull) {
+    constexpr uint32_t kNone = SHARED_ERR_MAGIC;
+    const struct {
+        const char *call;
+        int error, letThrough;
+        uint32_t whatIsLeft;  // for one who only attaches
+    } rows[] = {
+        {"fstat", EIO, 0, 0},
+        {"fstat", EIO, 1, kNone},  // of the mapping
+        {"fstat", EIO, 2, 0},
+        {"fstat", EIO, 4, 0},
+        {"stat", EIO, 0, 0},
+        {"stat", EACCES, 1, 0},
+        {"ftruncate", EINVAL, 0, 0},
+        {"write", ENOSPC, 0, kNone},
+        {"write", EDQUOT, 2, kNone},
+        {"mmap", ENOMEM, 0, kNone},
+        {"pthread_mutex_init", EAGAIN, 0, kNone},
+        {"pthread_mutex_clocklock", EAGAIN, 0, kNone},
+        {"pthread_mutex_unlock", EPERM, 0, kNone},
+        {"mmap", ENOMEM, 1, 0},  // when it attaches to what it made
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::string(row.call) + " " + std::to_string(row.letThrough));
+        leaveIdleArena();
         const int before = openDescriptors();
-        EXPECT_EQ(OpenSharedArena(full.c_str(), SHARED_ARENA_CREATE, 0600, 1 << 20, &none),
-                  static_cast<uint32_t>(SCHED_ERR_SYSTEM));
-        EXPECT_EQ(errno, ENOSPC);
-        EXPECT_EQ(none, nullptr);
+        int failures = 0;
+        callHook = [&, through = row.letThrough](std::string_view call) mutable {
+            if (call != row.call || through-- > 0) return 0;
+            return ++failures == 1 ? row.error : 0;
+        };
+        errno = 0;
+        EXPECT_EQ(openWithOutputKept(SHARED_ARENA_CREATE, 16384), kSystemError);
+        EXPECT_EQ(errno, row.error);
+        callHook = nullptr;
         EXPECT_EQ(openDescriptors(), before);
-        EXPECT_EQ(OpenSharedArena(full.c_str(), 0, 0, 0, &none),
-                  static_cast<uint32_t>(SHARED_ERR_MAGIC));
-        ASSERT_EQ(OpenSharedArena(full.c_str(), SHARED_ARENA_CREATE, 0600, 32768, &none), 0u);
-        CloseSharedArena(none);
-    });
-}
-
-TEST_F(Arena, ProcessesSeeEachOthersChunksAtAddressesOfTheirOwn) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE, 16384), 0u);
-    auto *chunk = static_cast<char *>(allocate("board", 64));
-    EXPECT_CHILD_OK([&] {
-        SharedArena *inherited = std::exchange(arena, nullptr);
-        ASSERT_EQ(open(0),
-                  0u);  // the inherited mapping is in its place, so this one lies elsewhere
-        EXPECT_NE(arena->base, inherited->base);
-        auto *mine = static_cast<char *>(allocate("board", 0));
-        ASSERT_NE(mine, nullptr);
-        EXPECT_EQ(offsetOf(mine),
-                  static_cast<uint64_t>(chunk - static_cast<char *>(inherited->base)));
-        std::strcpy(mine, "from the child");
-        CloseSharedArena(inherited);
-    });
-    EXPECT_STREQ(chunk, "from the child");
-    EXPECT_EQ(contents().allocatedBlocks.at(0).references, 2u);
-}
-
-TEST_F(Arena, AForkedChildGetsALockOfItsOwn) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-    EXPECT_CHILD_OK([this] {
-        const int before = openDescriptors();
-        void *const base = arena->base;
-        EXPECT_EQ(ForkSharedArena(arena), 0u);
-        EXPECT_EQ(openDescriptors(), before);
-        EXPECT_EQ(arena->base, base);
-        EXPECT_EQ(::fcntl(arena->descriptor, F_GETFD) & FD_CLOEXEC, 0);
-        EXPECT_NE(allocate("child", 8), nullptr);
-        close();
-    });
-    EXPECT_NE(allocate("child", 0), nullptr);
-    EXPECT_EQ(DeleteSharedArena(path.c_str()), static_cast<uint32_t>(SHARED_ERR_BUSY));
-}
-
-TEST_F(Arena, AForkedChildFindsRoomInAFullDescriptorTable) {
-    ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-    EXPECT_CHILD_OK([this] {
-        const rlimit few{64, 64};
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-        while (::dup(0) >= 0) {
+        if (row.whatIsLeft == kNone) {
+            EXPECT_LE(fileSize(path), 4096);
         }
-        EXPECT_EQ(ForkSharedArena(arena), 0u);
-        EXPECT_GE(arena->descriptor, 0);
-    });
+        EXPECT_EQ(openWithOutputKept(0), row.whatIsLeft);
+        for (const char *call : {"fstat", "stat"}) {
+            callHook = failing(call, EIO);
+            EXPECT_EQ(remove(), kSystemError);
+            EXPECT_EQ(errno, EIO);
+        }
+        callHook = nullptr;
+        EXPECT_EQ(remove(), 0u) << "no lock was left behind";
+    }
+}
+
+TEST_F(Arena, ACreatorKilledAtAnyStepLeavesTheOldArenaNoneOrAWholeNewOne) {
+    int oldOnes = 0, unfinished = 0, newOnes = 0;
+    for (int step = 1;; ++step) {
+        SCOPED_TRACE(step);
+        leaveIdleArena();
+        const int status = inChild([this, step] {
+            int stepsLeft = step;
+            const auto count = [&stepsLeft] {
+                if (--stepsLeft == 0) (void)::kill(::getpid(), SIGKILL);
+            };
+            callHook = [count](std::string_view) { return count(), 0; };
+            flockHook = [count](LockMoment) { count(); };
+            EXPECT_EQ(openWithOutputKept(SHARED_ARENA_CREATE, 8192), 0u);
+        });
+        if (status == 0) break;
+        ASSERT_EQ(WTERMSIG(status), SIGKILL);
+
+        const uint32_t attached = open(0);
+        if (attached == 0) {
+            EXPECT_EQ(fault().find("link"), std::string::npos);
+            const bool isOld = arena->mapLength == 4096;
+            EXPECT_EQ(blocks().size(), isOld ? 2u : 1u);
+            ++(isOld ? oldOnes : newOnes);
+            close();
+        } else {
+            EXPECT_TRUE(attached == SHARED_ERR_MAGIC ||
+                        (attached == kSystemError && errno == EINVAL));
+            ++unfinished;
+        }
+        ASSERT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u) << "the next creator starts from there";
+        EXPECT_EQ(fault(), "");
+        EXPECT_NE(allocate("new", 64), nullptr) << "with a mutex that is free";
+        close();
+    }
+    EXPECT_EQ(oldOnes, 4) << "before the lock, the two looks at the file and the truncation";
+    EXPECT_GE(unfinished, 8);
+    EXPECT_GE(newOnes, 4) << "from the release of the mutex on";
+}
+
+TEST_F(Arena, AForkedChildGetsALockOfItsOwnEvenInAFullDescriptorTable) {
+    ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
+    for (const bool isFull : {false, true})
+        EXPECT_CHILD_OK([&] {
+            const rlimit few{64, 64};
+            ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+            while (isFull && ::dup(0) >= 0) {
+            }
+            const int before = openDescriptors();
+            void *const base = arena->base;
+            EXPECT_EQ(ForkSharedArena(arena), 0u);
+            EXPECT_EQ(openDescriptors(), before);
+            EXPECT_EQ(arena->base, base);
+            EXPECT_EQ(::fcntl(arena->descriptor, F_GETFD), 0);
+            EXPECT_NE(allocate("child", 8), nullptr);
+            close();
+        });
+    EXPECT_NE(allocate("child", 0), nullptr);
+    EXPECT_EQ(remove(), kBusy);
 }
 
 TEST_F(Arena, AForkedChildWhosePathLeadsElsewhereIsTold) {
     ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
     ASSERT_EQ(::rename(path.c_str(), (dir / "moved").c_str()), 0);
     EXPECT_CHILD_OK([this] {
-        EXPECT_EQ(ForkSharedArena(arena), kSystemError);
-        EXPECT_EQ(errno, ENOENT);
-        EXPECT_EQ(arena->descriptor, -1);
+        const auto refuses = [this](int error) {
+            EXPECT_EQ(ForkSharedArena(arena), kSystemError);
+            EXPECT_EQ(errno, error);
+            EXPECT_EQ(arena->descriptor, -1);
+        };
+        refuses(ENOENT);
         writeFile(path, std::string(4096, '\0'));
-        EXPECT_EQ(ForkSharedArena(arena), kSystemError);
-        EXPECT_EQ(errno, ESTALE);
-        EXPECT_EQ(arena->descriptor, -1);
+        refuses(ESTALE);
         ASSERT_EQ(::rename((dir / "moved").c_str(), path.c_str()), 0);
+        for (const char *call : {"fstat", "stat"}) {
+            callHook = failing(call, EIO);
+            refuses(EIO);
+            callHook = nullptr;
+        }
         EXPECT_EQ(ForkSharedArena(arena), 0u);
         close();
     });
@@ -254,14 +300,25 @@ TEST_F(Arena, AForkedChildWhosePathLeadsElsewhereIsTold) {
 TEST_F(Arena, TheGoldenImageIsUnderstood) {
     writeFile(path, readFile(GOLDEN_ARENA));
     ASSERT_EQ(open(0), 0u);
-    const ArenaContents now = contents();
-    EXPECT_EQ(now.fault, "");
-    const std::vector<ArenaBlock> freeBlocks{{0xb8, 0x90, 0, 0, ""}, {0x1e8, 0xe18, 0, 0, ""}};
-    const std::vector<ArenaBlock> chunks{
-        {0x178, 0x70, 64, 1, "second"}, {0x148, 0x30, 8, 1, ""}, {0x48, 0x70, 64, 2, "first"}};
-    EXPECT_EQ(now.freeBlocks, freeBlocks);
-    EXPECT_EQ(now.allocatedBlocks, chunks);
-
+    EXPECT_EQ(fault(), "");
+    const auto now = blocks();
+    const struct {
+        uint64_t offset, size, chunkSize;
+        uint32_t references;
+        const char *name;
+    } expected[] = {{0x48, 0x70, 64, 2, "first"},
+                    {0xb8, 0x90, 0, 0, ""},
+                    {0x148, 0x30, 8, 1, ""},
+                    {0x178, 0x70, 64, 1, "second"},
+                    {0x1e8, 0xe18, 0, 0, ""}};
+    EXPECT_TRUE(std::equal(now.begin(), now.end(), std::begin(expected), std::end(expected),
+                           [](const HeapBlock &found, const auto &row) {
+                               return found.offset == row.offset && found.size == row.size &&
+                                      found.allocated == (row.references != 0) &&
+                                      (!found.allocated || (found.chunkSize == row.chunkSize &&
+                                                            found.references == row.references &&
+                                                            found.name == row.name));
+                           }));
     void *first = allocate("first", 0);
     ASSERT_NE(first, nullptr);
     EXPECT_STREQ(static_cast<char *>(first), "the first chunk");
@@ -270,7 +327,7 @@ TEST_F(Arena, TheGoldenImageIsUnderstood) {
     EXPECT_EQ(offsetOf(allocate("new", 100)), 0xb8u + 40) << "the hole is the best fit";
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(FreeSharedChunk(arena, first), 0u);
-    EXPECT_EQ(contents().fault, "");
+    EXPECT_EQ(fault(), "");
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// The system and threads calls by which arenas and tables are made, to fail or to die at.
+// The system and threads calls by which arenas and tables are made, to fail or to die at, and the
+// moments of a lock on a file in which another process could come in between.
 //
 // The calls that the CMakeLists.txt beside this names to the linker ask the hook first, wherever in
 // the test program they are made; calls inside shared libraries do not.
@@ -17,3 +18,19 @@ inline std::function<int(std::string_view)> failing(std::string_view call, int e
     return
         [=](std::string_view now) mutable { return now == call && letThrough-- == 0 ? error : 0; };
 }
+
+// Gets what is written to the system log, which never gets there itself.
+extern std::function<void(int priority, const char *line)> syslogHook;
+
+// flock makes the turn from an exclusive to a shared lock as little atomic as the manual permits:
+// the lock is given up, and only then asked for again.
+enum class LockMoment {
+    beforeLock,   // the file is open, the lock not yet asked for
+    givenUp,      // exclusive lock given up on the way to the shared one
+    stillLocked,  // right before that: everything written, exclusive lock held
+};
+
+// Called at each moment of every flock call; not while it is running itself, so it may lock too.
+extern std::function<void(LockMoment)> flockHook;
+// The descriptor that got an exclusive lock last. To be set to -1 once it is closed.
+extern int exclusiveFd;

@@ -8,7 +8,7 @@
 // Runs for 2 seconds, or for IOSCHED_CHURN_SECONDS.
 #include "iosched/shared.h"
 
-#include "shared/interposed_flock.h"
+#include "shared/call_wrap.h"
 #include "support/in_child.h"
 #include "support/test_arena.h"
 

@@ -1,195 +1,181 @@
-// The table as a whole: its size, its bytes when it is new, attaching, cleaning, a mutex that fails.
+// The table as a whole: its size and bytes, attaching, what it does when it is full, when its mutex
+// cannot be taken and when a caller's pointer is bad.
 
 #include "iosched/shared.h"
 #include "shared/call_wrap.h"
 #include "shared/locks_internal.h"
-#include "support/arena_check.h"
 #include "support/in_child.h"
 #include "support/lock_table.h"
 #include "support/lock_table_bytes.h"
+#include "support/lock_table_calls.h"
 
 #include <climits>
+#include <functional>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <syslog.h>
 
 namespace {
 
-constexpr SharedFileKey kFile{11, 12};
-constexpr SharedFileKey kOther{21, 22};
-
-uint64_t bucketBytes(int32_t files) {
-    return CalcSharedFileLockTableSize(1, files, 1) - 96 - 96 * static_cast<uint64_t>(files) - 56;
+TableCall callOf(TableCall::Kind kind, uint64_t key = 1) {
+    return {kind, 1, 1, {key, 0}, 1, 4, 0, 10, 40, "name"};
+}
+int codeOf(const ScratchTable &scratch, TableCall::Kind kind, uint64_t key = 1) {
+    return callTable(scratch.table, callOf(kind, key)).code;
 }
 
-TEST(LocksTableSize, FollowsTheCounts) {
-    EXPECT_EQ(CalcSharedFileLockTableSize(1, 1, 0), 1624u);
-    EXPECT_EQ(CalcSharedFileLockTableSize(10, 10, 0), 27520u);
-    EXPECT_EQ(CalcSharedFileLockTableSize(10, 10, 7), 96 + 16 * 64 + 96 * 100 + 56 * 7u);
-    const struct {
-        int32_t files;
-        uint64_t buckets;
-    } cases[] = {{0, 16}, {32, 16}, {33, 32}, {64, 32}, {65, 64}, {128, 64}, {129, 128}};
-    for (const auto &c : cases)
-        EXPECT_EQ(bucketBytes(c.files), 16 * c.buckets) << c.files;
-}
-
-TEST(LocksTableSize, ProductsWrapAt32Bits) {
-    EXPECT_EQ(CalcSharedFileLockTableSize(65536, 65536, 1), 352u + 56) << "2^32 files wrap to none";
-    EXPECT_EQ(CalcSharedFileLockTableSize(1, INT32_MAX, 1),
-              96 + 16 * (1ull << 30) + 96ull * INT32_MAX + 56);
-    EXPECT_EQ(CalcSharedFileLockTableSize(-1, 2, 1), 352u + 56 - 2 * 96);
-    EXPECT_EQ(CalcSharedFileLockTableSize(1, 1, -2), 352u + 96 - 2 * 56);
-    EXPECT_EQ(CalcSharedFileLockTableSize(INT32_MIN, 2, 0), 352u);
-}
-
-// Counts that the table could not be made of, and whether they are refused.
-TEST(LocksTableSize, AllocateRefusesCountsThatWouldWrapBeforeItLooksAtTheArena) {
+TEST(LocksTable, TakesTheBytesThatItsCountsSayIn32BitProducts) {
     const struct {
         int32_t processes, files, locks;
-    } cases[] = {{-1, 1, 0},      {1, -1, 0},           {1, 1, -1},        {65536, 65536, 1},
-                 {2, 1 << 30, 1}, {1, INT32_MAX, 1},    {INT32_MAX, 1, 1}, {107374183, 0, 1},
-                 {-4, -4, 0},     {1, (1 << 30) + 1, 1}};
-    SharedArena untouchable{};  // any look at it ends in a fault
-    for (const auto &c : cases) {
-        SharedFileLockTable *table = nullptr;
-        errno = 0;
-        EXPECT_EQ(
-            AllocateSharedFileLockTable(&untouchable, "t", c.processes, c.files, c.locks, &table),
-            SCHED_ERR_SYSTEM)
-            << c.processes << " " << c.files << " " << c.locks;
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_EQ(table, nullptr);
-    }
+        uint64_t bytes;
+    } rows[] = {{1, 1, 0, 1624},
+                {10, 10, 0, 27520},
+                {10, 10, 7, 96 + 16 * 64 + 96 * 100 + 56 * 7},
+                {1, 0, 1, 96 + 16 * 16 + 56},
+                {1, 32, 1, 96 + 16 * 16 + 96 * 32 + 56},
+                {1, 33, 1, 96 + 16 * 32 + 96 * 33 + 56},
+                {1, 64, 1, 96 + 16 * 32 + 96 * 64 + 56},
+                {1, 65, 1, 96 + 16 * 64 + 96 * 65 + 56},
+                {1, 129, 1, 96 + 16 * 128 + 96 * 129 + 56},
+                {65536, 65536, 1, 352 + 56},
+                {1, INT32_MAX, 1, 96 + 16 * (1ull << 30) + 96ull * INT32_MAX + 56},
+                {-1, 2, 1, 352 + 56 - 2 * 96},
+                {1, 1, -2, 352 + 96 - 2 * 56},
+                {INT32_MIN, 2, 0, 352}};
+    for (const auto &row : rows)
+        EXPECT_EQ(CalcSharedFileLockTableSize(row.processes, row.files, row.locks), row.bytes)
+            << row.processes << " " << row.files << " " << row.locks;
 }
 
-TEST(LocksTable, ANewTableHasItsElementsOnTheFreeListsAndHandsOutTheHighestFirst) {
+TEST(LocksTable, ANewOneHandsOutTheHighestElementsFirstAndWhatIsGivenBackNext) {
     ScratchTable scratch(3, 11, 7);  // 33 entries, so 32 buckets
-    TableBytes bytes = readTableBytes(scratch.table, 33, 7);
+    const TableBytes bytes = readTableBytes(scratch.table, 33, 7);
     EXPECT_EQ(bytes.fault, "");
     EXPECT_EQ(bytes.freeEntries, 33u);
     EXPECT_EQ(bytes.freeRecords, 7u);
-
-    const Opener a{scratch.table, 1, 1};
-    ASSERT_EQ(a.open(kFile, SHARED_FILE_READ, 9, "first"), 0);
-    ASSERT_EQ(a.open(kOther, SHARED_FILE_READ), 0);
+    ASSERT_EQ(codeOf(scratch, TableCall::Open, 11), 0);
+    ASSERT_EQ(codeOf(scratch, TableCall::Open, 12), 0);
     const auto *header = static_cast<SharedFileLockHeader *>(scratch.table->header);
     const auto *entries = reinterpret_cast<const SharedFileEntry *>(
         reinterpret_cast<const SharedLink *>(header + 1) + 32);
     const auto *records = reinterpret_cast<const SharedLockRecord *>(entries + 33);
     EXPECT_EQ(header->bucketCount, 32);
-    EXPECT_EQ(entries[32].word0, kFile.word0);
-    EXPECT_EQ(entries[32].openLimit, 9u);
-    EXPECT_STREQ(entries[32].name, "first");
-    EXPECT_EQ(entries[31].word0, kOther.word0);
+    EXPECT_EQ(entries[32].word0, 11u);
+    EXPECT_EQ(entries[31].word0, 12u);
     EXPECT_EQ(records[6].pid, static_cast<uint32_t>(::getpid()));
     EXPECT_EQ(records[5].owner, 1u);
-    // What is given back is handed out next.
-    ASSERT_EQ(a.close(kFile), 0);
-    ASSERT_EQ(a.open({5, 5}, SHARED_FILE_READ), 0);
-    EXPECT_EQ(entries[32].word0, 5u);
-    EXPECT_EQ(readTableBytes(scratch.table, 33, 7).fault, "");
+    ASSERT_EQ(codeOf(scratch, TableCall::Close, 11), 0);
+    ASSERT_EQ(codeOf(scratch, TableCall::Open, 13), 0);
+    EXPECT_EQ(entries[32].word0, 13u);
 }
 
-TEST(LocksTable, ASecondAllocateAttachesToTheTableAsItIs) {
+TEST(LocksTable, IsAttachedToAsItIsAndLastsAsLongAsSomebodyIsAttached) {
     ScratchTable scratch(1, 2, 3);
-    ASSERT_EQ((Opener{scratch.table, 1, 1}).open(kFile, SHARED_FILE_READ), 0);
-    for (int32_t processes : {0, 100}) {
+    ASSERT_EQ(codeOf(scratch, TableCall::Open), 0);
+    for (const int32_t counts : {0, 100, -1, INT32_MAX}) {
         SharedFileLockTable *again = nullptr;
-        ASSERT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", processes, 9, 9, &again), 0);
+        ASSERT_EQ(
+            AllocateSharedFileLockTable(scratch.arena, "table", counts, counts, counts, &again), 0);
         EXPECT_EQ(again->header, scratch.table->header);
-        EXPECT_EQ(SharedFileIsOpen(again, &kFile), 1);
-        EXPECT_EQ(FreeSharedFileLockTable(again), 0);
+        EXPECT_EQ(FreeSharedFileLockTable(std::exchange(scratch.table, again)), 0);
+        EXPECT_EQ(codeOf(scratch, TableCall::IsOpen), 1);
     }
     EXPECT_EQ(readTableBytes(scratch.table, 2, 3).fault, "");
-}
-
-TEST(LocksTable, TheContentsLastAsLongAsSomebodyIsAttached) {
-    ScratchTable scratch(1, 2, 3);
-    ASSERT_EQ((Opener{scratch.table, 1, 1}).open(kFile, SHARED_FILE_READ), 0);
-    SharedFileLockTable *second = nullptr;
-    ASSERT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 0, 0, 0, &second), 0);
     EXPECT_EQ(FreeSharedFileLockTable(std::exchange(scratch.table, nullptr)), 0);
-    EXPECT_EQ(SharedFileIsOpen(second, &kFile), 1);
-    EXPECT_EQ(FreeSharedFileLockTable(second), 0);
-    EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 0, 0, 0, &second),
+    EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 0, 0, 0, &scratch.table),
               SHARED_ERR_NOTFOUND);
 }
 
-TEST(LocksTable, NoChunkAndNoRoomAreReportedAndKeepNothing) {
-    ScratchArena scratch(8192);
-    SharedFileLockTable *table = nullptr;
-    EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "t", 0, 1, 1, &table),
-              SHARED_ERR_NOTFOUND);
-    EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "t", 100, 100, 0, &table),
-              SHARED_ERR_NOSPACE);
-    EXPECT_EQ(table, nullptr);
-    ASSERT_EQ(AllocateSharedFileLockTable(scratch.arena, "t", 1, 1, 0, &table), 0);
-    EXPECT_EQ(FreeSharedFileLockTable(table), 0);
-}
-
-TEST(LocksTable, ANewTableWhoseMutexFailsIsTakenBack) {
+TEST(LocksTable, ThatCannotBeMadeLeavesNothingBehind) {
     const struct {
-        const char *call;
-        int letThrough;  // the first lock is the arena's
-    } cases[] = {
-        {"pthread_mutexattr_init", 0}, {"pthread_mutex_init", 0}, {"pthread_mutex_lock", 1}};
-    for (const auto &c : cases) {
+        int32_t processes, files, locks;
+        int code;
+        const char *failing = "";
+        int letThrough = 0;
+    } rows[] = {{-1, 1, 0, SCHED_ERR_SYSTEM},
+                {1, -1, 0, SCHED_ERR_SYSTEM},
+                {1, 1, -1, SCHED_ERR_SYSTEM},
+                {65536, 65536, 1, SCHED_ERR_SYSTEM},
+                {1, (1 << 30) + 1, 1, SCHED_ERR_SYSTEM},
+                {INT32_MAX, 1, 1, SCHED_ERR_SYSTEM},
+                {107374183, 0, 1, SCHED_ERR_SYSTEM},
+                {-4, -4, 0, SCHED_ERR_SYSTEM},
+                {1, 1 << 30, 1, SHARED_ERR_NOSPACE},
+                {107374182, 0, 1 << 20, SHARED_ERR_NOSPACE},
+                {0, 1, 1, SHARED_ERR_NOTFOUND},
+                {1, 1, 0, SCHED_ERR_SYSTEM, "pthread_mutexattr_init"},
+                {1, 1, 0, SCHED_ERR_SYSTEM, "pthread_mutex_init"},
+                {1, 1, 0, SCHED_ERR_SYSTEM, "pthread_mutex_clocklock", 1}};
+    for (const auto &row : rows) {
         // In a child, since an arena's mutex that is not given back stops whoever comes next.
         EXPECT_CHILD_OK(
             [&] {
-                SCOPED_TRACE(c.call);
-                ScratchArena scratch;
-                const auto fresh = readArena(scratch.arena->base, scratch.arena->mapLength);
+                SCOPED_TRACE(std::to_string(row.processes) + " " + row.failing);
+                ScratchTable scratch(1, 1, 0);
                 SharedFileLockTable *table = nullptr;
-                callHook = failing(c.call, ENOTSUP, c.letThrough);
-                EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 1, 1, 0, &table),
-                          SCHED_ERR_SYSTEM);
-                EXPECT_EQ(errno, ENOTSUP);
+                callHook = failing(row.failing, EINVAL, row.letThrough);
+                EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "t", row.processes, row.files,
+                                                      row.locks, &table),
+                          row.code);
+                if (row.code == SCHED_ERR_SYSTEM) {
+                    EXPECT_EQ(errno, EINVAL);
+                }
                 callHook = nullptr;
                 EXPECT_EQ(table, nullptr);
-
-                const auto left = readArena(scratch.arena->base, scratch.arena->mapLength);
-                EXPECT_EQ(left.fault, "");
-                EXPECT_EQ(left.freeBlocks, fresh.freeBlocks);
-                EXPECT_TRUE(left.allocatedBlocks.empty());
-                ASSERT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 1, 1, 0, &table), 0)
-                    << "the arena is free for the next";
+                EXPECT_EQ(readTableBytes(scratch.table, 1, 21).fault, "") << "nor a gap";
+                ASSERT_EQ(AllocateSharedFileLockTable(scratch.arena, "t", 1, 1, 0, &table), 0);
                 EXPECT_EQ(FreeSharedFileLockTable(table), 0);
             },
             10000);
     }
 }
 
-// A chunk that somebody else made under the table's name: so large, with these two words in it.
-struct Stranger {
-    uint64_t bytes;
-    uint32_t state;
-    int32_t buckets;
-};
-
+// A chunk that somebody else made under the table's name: so large, with these words in it.
 TEST(LocksTable, AChunkThatIsNoReadyTableIsRefusedAndItsReferenceGivenBack) {
-    const Stranger strangers[] = {
-        {4, 0, 0},         {51, 3, 16},         {95, 3, 16},  {352, 0, 16},
-        {352, 2, 16},      {352, 3, 0},         {352, 3, -1}, {351, 3, 16},
-        {352, 3, INT_MAX}, {352, 3, INT32_MIN}, {352, 3, 17},
-    };
-    for (const Stranger &stranger : strangers) {
+    const struct {
+        uint64_t bytes;
+        uint32_t state;
+        int32_t buckets;
+        int code = SHARED_ERR_BADTABLE;
+        int32_t mutexWord = 0, mutexKind = 0x80;
+    } rows[] = {{4, 0, 0},
+                {51, 3, 16},
+                {95, 3, 16},
+                {352, 0, 16},
+                {352, 2, 16},
+                {352, 3, 0},
+                {352, 3, -1},
+                {351, 3, 16},
+                {352, 3, INT_MAX},
+                {352, 3, INT32_MIN},
+                {352, 3, 17},
+                {352, 3, 16, SHARED_ERR_BADTABLE, 3},
+                {352, 3, 16, SHARED_ERR_BADTABLE, 0, 0x90},
+                {352, 3, 16, 0},
+                {111, 3, 1},
+                {112, 3, 1, 0}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(std::to_string(row.bytes) + " buckets " + std::to_string(row.buckets));
         ScratchArena scratch;
-        uint64_t bytes = stranger.bytes;
+        uint64_t bytes = row.bytes;
         void *chunk = nullptr;
         uint32_t created = 0;
         ASSERT_EQ(AllocateSharedChunk(scratch.arena, "table", &bytes, &chunk, &created), 0u);
-        auto *data = static_cast<char *>(chunk);
-        if (bytes > 51) std::memcpy(data + 48, &stranger.state, 4);
-        if (bytes > 91) std::memcpy(data + 88, &stranger.buckets, 4);
+        SharedFileLockHeader words{};
+        words.mutex.mutex.__data.__lock = row.mutexWord;
+        words.mutex.mutex.__data.__kind = row.mutexKind;
+        words.state = row.state;
+        words.bucketCount = row.buckets;
+        std::memcpy(chunk, &words, std::min(bytes, sizeof words));
         ASSERT_EQ(ReleaseSharedMutex(static_cast<SharedMutex *>(scratch.arena->base)), 0u);
 
         SharedFileLockTable *table = nullptr;
-        EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 1, 1, 0, &table),
-                  SHARED_ERR_BADTABLE)
-            << bytes << " bytes, state " << stranger.state << ", buckets " << stranger.buckets;
-        EXPECT_EQ(table, nullptr);
+        EXPECT_EQ(AllocateSharedFileLockTable(scratch.arena, "table", 1, 1, 0, &table), row.code);
+        EXPECT_EQ(table == nullptr, row.code != 0);
+        if (table != nullptr) {
+            EXPECT_EQ(FreeSharedFileLockTable(table), 0);
+        }
         ASSERT_EQ(FreeSharedChunk(scratch.arena, chunk), 0u);
         bytes = 0;
         EXPECT_EQ(AllocateSharedChunk(scratch.arena, "table", &bytes, &chunk, &created),
@@ -198,127 +184,137 @@ TEST(LocksTable, AChunkThatIsNoReadyTableIsRefusedAndItsReferenceGivenBack) {
     }
 }
 
-TEST(LocksTable, ProcessesThatMapTheArenaElsewhereSeeTheSameTable) {
-    ScratchTable scratch(1, 4, 0);
-    const Opener a{scratch.table, 1, 1};
-    ASSERT_EQ(a.open(kFile, SHARED_FILE_READ | SHARED_FILE_DENY_WRITE, 0, "seen"), 0);
-    EXPECT_CHILD_OK([&] {
-        SharedArena *arena = nullptr;
-        SharedFileLockTable *table = nullptr;
-        ASSERT_EQ(OpenSharedArena(scratch.path().c_str(), 0, 0, 0, &arena), 0u);
-        ASSERT_EQ(AllocateSharedFileLockTable(arena, "table", 0, 0, 0, &table), 0);
-        ASSERT_NE(table->header, scratch.table->header) << "two mappings, two addresses";
-        EXPECT_EQ((Opener{table, 1, 1}).open(kFile, SHARED_FILE_WRITE), SHARED_ERR_DENIED);
-        EXPECT_EQ((Opener{table, 1, 1}).open(kFile, SHARED_FILE_READ), 0);
-        EXPECT_EQ(opensOf(scratch.table, kFile), 2u);
-        EXPECT_EQ(FreeSharedFileLockTable(table), 0);
-        EXPECT_EQ(CloseSharedArena(arena), 0u);
-    });
-    EXPECT_EQ(opensOf(scratch.table, kFile), 2u)
-        << "the dead child's open stays until it is cleaned";
-    EXPECT_EQ(readTableBytes(scratch.table, 4, 24).fault, "");
-}
-
-TEST(LocksTable, CleaningTakesAllThatOneProcessHoldsAndNothingElse) {
-    ScratchTable scratch(1, 8, 40);
-    const Opener a{scratch.table, 1, 1}, b{scratch.table, 2, 2};
-    const SharedFileKey sameBucket{kFile.word0, kFile.word1 + 16};
-    ASSERT_EQ(a.open(kFile, SHARED_FILE_READ), 0);
-    ASSERT_EQ(a.lock(kFile, 0, 10, SHARED_FILE_LOCK_SHARED), 0);
-    int childPid = 0;
-    int pipeFds[2];
-    ASSERT_EQ(::pipe(pipeFds), 0);
-    EXPECT_CHILD_OK([&] {
-        const int self = ::getpid();
-        ASSERT_EQ(a.open(kFile, SHARED_FILE_WRITE | 0x8000), 0);
-        ASSERT_EQ(b.open(kFile, SHARED_FILE_DELETE), 0);
-        ASSERT_EQ(b.lock(kFile, 50, 10, SHARED_FILE_LOCK_EXCLUSIVE), 0);
-        ASSERT_EQ(b.lock(kFile, 0, 0, SHARED_FILE_LOCK_EXCLUSIVE), 0);
-        for (const SharedFileKey &key : {sameBucket, SharedFileKey{kFile.word0, kFile.word1 + 32}})
-            ASSERT_EQ(b.open(key, SHARED_FILE_WRITE), 0);
-        ASSERT_EQ(::write(pipeFds[1], &self, sizeof self), ssize_t{sizeof self});
-    });
-    ASSERT_EQ(::read(pipeFds[0], &childPid, sizeof childPid), ssize_t{sizeof childPid});
-    (void)::close(pipeFds[0]);
-    (void)::close(pipeFds[1]);
-
-    EXPECT_EQ(CleanSharedFileLockTable(scratch.table, 0x7FFFFFFF), 0) << "holds nothing";
-    EXPECT_EQ(opensOf(scratch.table, kFile), 3u);
-    EXPECT_EQ(CleanSharedFileLockTable(scratch.table, childPid), 0);
-    const TableBytes bytes = readTableBytes(scratch.table, 8, 40);
-    EXPECT_EQ(bytes.fault, "");
-    ASSERT_EQ(bytes.entries.size(), 1u);
-    EXPECT_EQ(bytes.entries[0].combinedMode, SHARED_FILE_READ);
-    EXPECT_EQ(bytes.entries[0].opens, 1u);
-    EXPECT_EQ(bytes.entries[0].records.size(), 2u);
-    EXPECT_EQ(SharedFileIsOpen(scratch.table, &sameBucket), 0);
-    EXPECT_EQ(CleanSharedFileLockTable(scratch.table, ::getpid()), 0);
-    EXPECT_EQ(readTableBytes(scratch.table, 8, 40).freeEntries, 8u);
-}
-
 TEST(LocksTable, WithAMutexThatCannotBeTakenNothingChangesAndOutputsAreSafe) {
     ScratchTable scratch;
-    const Opener a{scratch.table, 1, 1};
-    ASSERT_EQ(a.open(kFile, SHARED_FILE_READ | SHARED_FILE_OPLOCK_SHARED), 0);
-    // An error-checking mutex that this thread holds: locking it again fails instead of waiting.
-    auto *mutex = &static_cast<SharedFileLockHeader *>(scratch.table->header)->mutex.mutex;
-    pthread_mutexattr_t attributes;
-    ASSERT_EQ(::pthread_mutexattr_init(&attributes), 0);
-    ASSERT_EQ(::pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK), 0);
-    ASSERT_EQ(::pthread_mutex_init(mutex, &attributes), 0);
-    ASSERT_EQ(::pthread_mutex_lock(mutex), 0);
-
-    uint32_t combined = 7, opens = 7, pids[2] = {7, 7}, count = 7;
-    char name[4] = "abc";
-    int64_t length = 7;
-    const SharedFileKey absent{1, 1};
-    EXPECT_EQ(OpenSharedFile(scratch.table, 1, 1, &kFile, 1, 0, nullptr, &combined),
-              SCHED_ERR_SYSTEM);
-    EXPECT_EQ(errno, EDEADLK);
-    EXPECT_EQ(a.close(kFile), SCHED_ERR_SYSTEM);
-    EXPECT_EQ(a.lock(kFile, 0, 1, 1), SCHED_ERR_SYSTEM);
-    EXPECT_EQ(a.unlock(kFile, 0, 1), SCHED_ERR_SYSTEM);
-    EXPECT_EQ(a.setMode(kFile, 0), SCHED_ERR_SYSTEM);
-    EXPECT_EQ(CleanSharedFileLockTable(scratch.table, ::getpid()), SCHED_ERR_SYSTEM);
-    EXPECT_EQ(SharedFileInfo(scratch.table, &kFile, &combined, &opens, name, sizeof name),
-              SCHED_ERR_SYSTEM);
-    EXPECT_EQ(TestSharedFileRange(scratch.table, 1, 1, &kFile, 0, &length, 1), SCHED_ERR_SYSTEM);
-    EXPECT_EQ(GetOplockHolders(scratch.table, &kFile, pids, 2, &count), SCHED_ERR_SYSTEM);
-    EXPECT_EQ(SharedFileIsOpen(scratch.table, &absent), 1);
-    EXPECT_EQ(combined, 7u);
-    EXPECT_EQ(opens, 7u);
-    EXPECT_STREQ(name, "abc");
-    EXPECT_EQ(length, 0);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(pids[0], 7u);
-
-    ASSERT_EQ(::pthread_mutex_unlock(mutex), 0);
-    EXPECT_EQ(opensOf(scratch.table, kFile), 1u);
+    ASSERT_EQ(codeOf(scratch, TableCall::Open), 0);
+    callHook = [](std::string_view call) { return call == "pthread_mutex_clocklock" ? EAGAIN : 0; };
+    for (uint32_t kind = TableCall::Open; kind <= TableCall::Clean; ++kind) {
+        const bool isOpen = kind == TableCall::IsOpen;
+        const TableAnswer blank = blankAnswer();
+        errno = 0;
+        const TableAnswer answer =
+            callTable(scratch.table, callOf(static_cast<TableCall::Kind>(kind), isOpen ? 2 : 1));
+        EXPECT_EQ(answer.code, isOpen ? 1 : SCHED_ERR_SYSTEM) << kind;
+        EXPECT_EQ(errno, EAGAIN);
+        EXPECT_EQ(answer.combined, blank.combined);
+        EXPECT_EQ(answer.count, kind == TableCall::Holders ? 0 : blank.count);
+        EXPECT_EQ(answer.length, kind == TableCall::Test ? 0 : 10);
+        EXPECT_EQ(answer.pids[0], blank.pids[0]);
+        EXPECT_EQ(answer.name[0], '#');
+    }
+    callHook = nullptr;
+    EXPECT_EQ(callTable(scratch.table, callOf(TableCall::Info)).count, 1u);
     EXPECT_EQ(errno, 0) << "which a success leaves behind";
+}
+
+// More holders than an operation keeps in memory of its own before it writes them out.
+TEST(LocksTable, AllHoldersOfOplocksAreListedHoweverManyThereAre) {
+    constexpr uint32_t kOpens = 300;
+    ScratchTable scratch(1, 1, kOpens);
+    const SharedFileKey key{1, 1};
+    const uint32_t mode = SHARED_FILE_OPLOCK_SHARED | SHARED_FILE_OWNER_OVERRIDE;
+    uint32_t combined = 0;
+    for (uint32_t i = 0; i < kOpens; ++i)
+        ASSERT_EQ(OpenSharedFile(scratch.table, 1, i, &key, mode, 1, nullptr, &combined), 0);
+    for (const uint32_t capacity : {255u, 256u, 257u, kOpens, kOpens + 1}) {
+        uint32_t pids[kOpens + 1] = {}, count = 0;
+        EXPECT_EQ(GetOplockHolders(scratch.table, &key, pids, capacity, &count), 0);
+        EXPECT_EQ(count, std::min(capacity, kOpens));
+        const auto end = std::find_if(pids, std::end(pids), [](uint32_t pid) {
+            return pid != static_cast<uint32_t>(::getpid());
+        });
+        EXPECT_EQ(end - pids, count) << "each once, and nothing behind the last";
+    }
 }
 
 // A kernel that kills at any system call but read, write and exit is the witness.
 TEST(LocksTable, OperationsThatNobodyDisturbsMakeNoSystemCall) {
     ScratchTable scratch;
-    const Opener a{scratch.table, 1, 1};
     EXPECT_CHILD_OK([&] {
-        uint32_t pids[2], count = 0;
         ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT), 0);
         bool good = true;
-        for (uint32_t i = 0; i < 20; ++i) {
-            const SharedFileKey key{i, 0};
-            good = good && a.open(key, SHARED_FILE_READ | SHARED_FILE_OPLOCK_SHARED) == 0;
-            good = good && a.lock(key, i, 10, SHARED_FILE_LOCK_EXCLUSIVE) == 0;
-            good = good && a.reach(key, 0, 10, SHARED_FILE_TEST_READ) == 10;
-            good = good && opensOf(scratch.table, key) == 1;
-            good = good && GetOplockHolders(scratch.table, &key, pids, 2, &count) == 0;
-            good = good && a.setMode(key, SHARED_FILE_READ) == 0;
-            good = good && a.unlock(key, i, 10) == 0;
-            good = good && a.close(key) == 0 && SharedFileIsOpen(scratch.table, &key) == 0;
-        }
-        good = good && CleanSharedFileLockTable(scratch.table, 1) == 0;
+        for (uint64_t key = 0; key < 20; ++key)
+            for (const auto kind :
+                 {TableCall::Open, TableCall::Lock, TableCall::Test, TableCall::Info,
+                  TableCall::Holders, TableCall::SetMode, TableCall::Unlock, TableCall::Close,
+                  TableCall::IsOpen, TableCall::Clean})
+                good = good && codeOf(scratch, kind, key) == 0;
         (void)::syscall(SYS_exit, good ? 0 : 1);
     });
+}
+
+TEST(LocksTable, AFullOneSaysSoInTheSystemLog) {
+    std::vector<std::string> lines;
+    syslogHook = [&](int priority, const char *line) {
+        lines.push_back(std::to_string(priority) + line);
+    };
+    const std::string error = std::to_string(LOG_ERR);
+    ScratchTable scratch(1, 1, 2);
+    EXPECT_EQ(codeOf(scratch, TableCall::Open), 0);
+    EXPECT_EQ(codeOf(scratch, TableCall::Open, 2), SHARED_ERR_NOLOCKS);
+    EXPECT_EQ(codeOf(scratch, TableCall::Open), 0);
+    EXPECT_EQ(codeOf(scratch, TableCall::Open), SHARED_ERR_NOLOCKS);
+    EXPECT_EQ(codeOf(scratch, TableCall::Lock), SHARED_ERR_NOLOCKS);
+    EXPECT_EQ(lines, (std::vector{error + "OpenSharedFile: no more locks",
+                                  error + "addRangeLock: no more locks",
+                                  error + "addRangeLock: no more locks"}));
+    ScratchTable other(1, 2, 1);
+    EXPECT_EQ(codeOf(other, TableCall::Open), 0);
+    EXPECT_EQ(codeOf(other, TableCall::Open, 2), SHARED_ERR_NOLOCKS);
+    syslogHook = nullptr;
+    const auto *header = static_cast<const char *>(other.table->header);
+    const std::string bytes(header, CalcSharedFileLockTableSize(1, 2, 1));
+    EXPECT_EQ(bytes.find("name", bytes.find("name") + 1), std::string::npos)
+        << "the entry that was given back has none";
+}
+
+// Each operation with one of its pointers leading nowhere: whoever passes it dies, with no mutex
+// held.
+TEST(LocksTable, ABadPointerEndsItsCallerAndNotTheTable) {
+    ScratchTable scratch;
+    SharedFileLockTable *const table = scratch.table;
+    SharedArena *const arena = scratch.arena;
+    const SharedFileKey open{1, 0}, fresh{2, 0};
+    ASSERT_EQ(codeOf(scratch, TableCall::Open), 0);
+    const auto bad = []<class T>(T *) { return reinterpret_cast<T *>(uintptr_t{8}); };
+    const auto *const key = bad(&open);
+    char *const text = bad(static_cast<char *>(nullptr));
+    uint32_t number = 0, *const word = bad(&number);
+    int64_t length = 1, *const longWord = bad(&length);
+    uint64_t size = 64, *const sizeWord = bad(&size);
+    void *chunk = nullptr, **const place = bad(&chunk);
+    const std::function<void()> calls[] = {
+        [&] { OpenSharedFile(table, 1, 1, key, 1, 0, "n", &number); },
+        [&] { OpenSharedFile(table, 1, 1, &fresh, 1, 0, text, &number); },
+        [&] { OpenSharedFile(table, 1, 1, &open, 1, 0, "n", word); },
+        [&] { CloseSharedFile(table, 1, 1, key); },
+        [&] { SharedFileIsOpen(table, key); },
+        [&] { SharedFileInfo(table, key, &number, &number, nullptr, 0); },
+        [&] { SharedFileInfo(table, &open, word, &number, nullptr, 0); },
+        [&] { SharedFileInfo(table, &fresh, &number, word, nullptr, 0); },
+        [&] { SharedFileInfo(table, &open, &number, &number, text, 9); },
+        [&] { LockSharedFileRange(table, 1, 1, key, 0, 1, 1); },
+        [&] { UnlockSharedFileRange(table, 1, 1, key, 0, 1); },
+        [&] { TestSharedFileRange(table, 1, 1, key, 0, &length, 1); },
+        [&] { TestSharedFileRange(table, 1, 1, &open, 0, longWord, 1); },
+        [&] { GetOplockHolders(table, key, &number, 1, &number); },
+        [&] { GetOplockHolders(table, &open, &number, 1, word); },
+        [&] {
+            OpenSharedFile(table, 1, 1, &fresh, SHARED_FILE_OPLOCK_SHARED, 0, "n", &number);
+            GetOplockHolders(table, &fresh, word, 1, &number);
+        },
+        [&] { SetSharedFileMode(table, 1, 1, key, 1); },
+        [&] { AllocateSharedChunk(arena, text, &size, &chunk, &number); },
+        [&] { AllocateSharedChunk(arena, "new", sizeWord, &chunk, &number); },
+        [&] { AllocateSharedChunk(arena, "new", &size, place, &number); },
+        [&] { AllocateSharedChunk(arena, "table", &size, place, &number); },
+        [&] { AllocateSharedChunk(arena, "new", &size, &chunk, word); },
+    };
+    for (const auto &call : calls) {
+        EXPECT_NE(inChild(call), 0) << "call " << &call - calls << " lived";
+        for (void *mutex : {arena->base, table->header})
+            ASSERT_EQ(static_cast<SharedMutex *>(mutex)->mutex.__data.__lock, 0) << &call - calls;
+    }
 }
 
 }  // namespace

@@ -1,15 +1,11 @@
-// The remembered process id: right in every kind of child, and with no page to remember it in.
-
 #include "shared/pid_internal.h"
 #include "support/in_child.h"
 
 #include <cstddef>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 namespace {
 
@@ -17,7 +13,8 @@ uint32_t kernelPid() {
     return static_cast<uint32_t>(::syscall(SYS_getpid));
 }
 
-// Runs the scenario in a child that no hook hears of: the bare system call, with a copy of the memory.
+// Runs the scenario in a child that no hook hears of: the bare system call, with a copy of the
+// memory.
 template <class Scenario>
 int inBareChild(Scenario scenario) {
     const auto pid =
@@ -29,65 +26,45 @@ int inBareChild(Scenario scenario) {
     return waitForChild(pid);
 }
 
+// Borrows this process's memory and asks for the id there; all that it does, this process finds.
+void lendMemory(uint32_t inPage) {
+    volatile uint32_t seen = 0;
+    const pid_t borrower = ::vfork();
+    if (borrower == 0) {
+        seen = ownPid();
+        ::_exit(0);
+    }
+    EXPECT_EQ(waitForChild(borrower), 0);
+    EXPECT_EQ(seen, inPage != 0 ? inPage : static_cast<uint32_t>(borrower));
+}
+
 void expectOwnPid() {
     EXPECT_EQ(ownPid(), kernelPid());
     EXPECT_EQ(ownPid(), kernelPid()) << "the second time";
 }
 
-TEST(Pid, IsRightBeforeAndAfterItIsRemembered) {
+TEST(Pid, IsRightBeforeAndAfterItIsRememberedAndInEveryKindOfChild) {
     expectOwnPid();
     EXPECT_EQ(*ownPidWord, 0u);
     preparePid();
     EXPECT_EQ(*ownPidWord, kernelPid());
     preparePid();
     expectOwnPid();
-}
-
-TEST(Pid, IsRightInTheChildOfAForkAndInItsChild) {
-    preparePid();
+    lendMemory(kernelPid());
     EXPECT_CHILD_OK([] {
         EXPECT_EQ(*ownPidWord, kernelPid()) << "the hook makes it fast at once";
-        expectOwnPid();
         EXPECT_CHILD_OK(expectOwnPid);
         expectOwnPid();
     });
-    expectOwnPid();
-}
-
-TEST(Pid, IsRightInChildrenThatRunNoHook) {
-    preparePid();
     EXPECT_EQ(inBareChild([] {
+                  lendMemory(
+                      0);  // nothing is remembered here: the borrower asks, and must not write
                   expectOwnPid();
                   EXPECT_EQ(inBareChild(expectOwnPid), 0);
                   EXPECT_CHILD_OK(expectOwnPid);
                   expectOwnPid();
               }),
               0);
-    expectOwnPid();
-}
-
-// A child in its parent's memory: all that it does there, the parent finds.
-TEST(Pid, AChildInItsParentsMemoryDoesNotSpoilTheParentsId) {
-    preparePid();
-    EXPECT_EQ(inBareChild([] {
-                  // Nothing is remembered here, so the borrower has to ask, and must not write.
-                  volatile uint32_t seen = 0;
-                  const pid_t borrower = ::vfork();
-                  if (borrower == 0) {
-                      seen = ownPid();
-                      ::_exit(0);
-                  }
-                  EXPECT_EQ(waitForChild(borrower), 0);
-                  EXPECT_EQ(seen, static_cast<uint32_t>(borrower));
-                  expectOwnPid();
-              }),
-              0);
-    const pid_t borrower = ::vfork();
-    if (borrower == 0) {
-        (void)ownPid();
-        ::_exit(0);
-    }
-    EXPECT_EQ(waitForChild(borrower), 0);
     expectOwnPid();
 }
 
@@ -104,7 +81,7 @@ void refuseMadvise() {
     ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
 }
 
-TEST(Pid, IsRightWhereTheKernelWipesNoMemory) {
+TEST(Pid, IsRightWhereTheKernelWipesNoMemoryOrHasNone) {
     EXPECT_CHILD_OK([] {
         refuseMadvise();
         preparePid();
@@ -113,9 +90,6 @@ TEST(Pid, IsRightWhereTheKernelWipesNoMemory) {
         EXPECT_CHILD_OK(expectOwnPid);
         EXPECT_EQ(inBareChild(expectOwnPid), 0);
     });
-}
-
-TEST(Pid, IsRightWhereNoPageCanBeHad) {
     EXPECT_CHILD_OK([] {
         const rlimit none{0, 0};
         ASSERT_EQ(::setrlimit(RLIMIT_AS, &none), 0);

@@ -2,6 +2,7 @@
 
 #include "iosched/sched.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,8 @@
 namespace {
 
 constexpr int kWarmUpRounds = 10;
+
+int percent = 100;  // of the rounds that an item has
 
 struct Usage {
     int descriptors;
@@ -42,6 +45,7 @@ void soakFailed(const char *what, int got) {
 bool soak(const char *name, int rounds, void (*playRound)(int round)) {
     for (int round = 0; round < kWarmUpRounds; ++round)
         playRound(round);
+    rounds = std::max(rounds / 100 * percent, 1);
     const Usage before = usageNow();
     const int64_t start = getAbsMonoTime();
     for (int round = 0; round < rounds; ++round)
@@ -57,13 +61,15 @@ bool soak(const char *name, int rounds, void (*playRound)(int round)) {
     return clean;
 }
 
-int main() {
+int main(int argc, char **argv) {
     char msg[128];
+    if (argc > 1) percent = std::atoi(argv[1]);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     if (InitSched(SCHED_VERSION_MAJOR, SCHED_VERSION_MINOR, msg, sizeof msg) != 0) {
         std::printf("%s\n", msg);
         return 1;
     }
-    const bool clean = soakSched();
-    return soakProcsAio() && clean ? 0 : 1;
+    bool clean = soakSched();
+    clean = soakProcsAio() && clean;
+    return soakStorms() && clean ? 0 : 1;
 }

@@ -1,24 +1,30 @@
-// What the chunk allocator should do, said a second time in the simplest way.
-//
-// One vector of blocks in address order, another with the allocated ones, newest first. Slow, and
-// that is the point: nothing here resembles the lists in the arena.
+// What the chunk allocator should do, said a second time in the simplest way: one vector of blocks
+// in the order of addresses. Slow, and that is the point: nothing here resembles the lists in the
+// arena.
 #pragma once
-
-#include "support/arena_check.h"
 
 #include "iosched/shared.h"
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
+struct ModelBlock {
+    uint64_t offset, size;
+    uint32_t references;  // 0 = free
+    uint64_t chunkSize;
+    std::string name;  // "" when it has none
+};
+
 class ChunkModel {
 public:
-    explicit ChunkModel(uint64_t arenaBytes) {
-        free_.push_back({0x48, arenaBytes - 0x48, 0, 0, ""});
-    }
+    explicit ChunkModel(uint64_t arenaBytes) : blocks_{{0x48, arenaBytes - 0x48, 0, 0, ""}} {}
 
     // The result code; the chunk's block in `offset`. An empty name stands for none.
     uint32_t allocate(const std::string &name, uint64_t &size, uint64_t &offset, bool &created) {
         created = false;
-        for (ArenaBlock &block : allocated_) {
-            if (name.empty() || block.name != name) continue;
+        for (ModelBlock &block : blocks_) {
+            if (block.references == 0 || name.empty() || block.name != name) continue;
             ++block.references;
             size = block.chunkSize;
             offset = block.offset;
@@ -27,51 +33,39 @@ public:
         if (size == 0) return SHARED_ERR_NOTFOUND;
         const uint64_t bytes = 40 + size + (name.empty() ? 0 : name.size() + 1);
         const uint64_t needed = (bytes + 7) & ~uint64_t{7};
-        const auto place = choose(needed);
-        if (place == free_.end()) return SHARED_ERR_NOSPACE;
-        ArenaBlock block{place->offset, place->size, size, 1, name};
+        auto place = blocks_.end();
+        for (auto it = blocks_.begin(); it != blocks_.end(); ++it)
+            if (it->references == 0 && it->size >= needed &&
+                (place == blocks_.end() || it->size < place->size))
+                place = it;
+        if (place == blocks_.end()) return SHARED_ERR_NOSPACE;
         if (place->size - needed > 40) {
-            block.size = needed;
-            place->offset += needed;
-            place->size -= needed;
-        } else {
-            free_.erase(place);
+            const ModelBlock rest{place->offset + needed, place->size - needed, 0, 0, ""};
+            place->size = needed;
+            place = blocks_.insert(place + 1, rest) - 1;
         }
-        allocated_.insert(allocated_.begin(), block);
-        offset = block.offset;
+        *place = {place->offset, place->size, 1, size, name};
+        offset = place->offset;
         created = true;
         return 0;
     }
 
     void release(uint64_t offset) {
-        const auto it = std::find_if(allocated_.begin(), allocated_.end(),
+        const auto it = std::find_if(blocks_.begin(), blocks_.end(),
                                      [&](const auto &block) { return block.offset == offset; });
         if (--it->references != 0) return;
-        free_.push_back({it->offset, it->size, 0, 0, ""});
-        allocated_.erase(it);
-        std::sort(free_.begin(), free_.end(),
-                  [](const auto &a, const auto &b) { return a.offset < b.offset; });
-        for (size_t i = 1; i < free_.size();) {
-            if (free_[i - 1].offset + free_[i - 1].size == free_[i].offset) {
-                free_[i - 1].size += free_[i].size;
-                free_.erase(free_.begin() + static_cast<std::ptrdiff_t>(i));
+        for (size_t i = 1; i < blocks_.size();) {
+            if (blocks_[i - 1].references + blocks_[i].references == 0) {
+                blocks_[i - 1].size += blocks_[i].size;
+                blocks_.erase(blocks_.begin() + static_cast<std::ptrdiff_t>(i));
             } else {
                 ++i;
             }
         }
     }
 
-    const std::vector<ArenaBlock> &freeBlocks() const { return free_; }
-    const std::vector<ArenaBlock> &allocatedBlocks() const { return allocated_; }
+    const std::vector<ModelBlock> &blocks() const { return blocks_; }
 
 private:
-    std::vector<ArenaBlock>::iterator choose(uint64_t needed) {
-        auto best = free_.end();
-        for (auto it = free_.begin(); it != free_.end(); ++it)
-            if (it->size >= needed && (best == free_.end() || it->size < best->size)) best = it;
-        return best;
-    }
-
-    std::vector<ArenaBlock> free_;
-    std::vector<ArenaBlock> allocated_;
+    std::vector<ModelBlock> blocks_;
 };

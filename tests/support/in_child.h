@@ -28,8 +28,8 @@ inline int waitForChild(pid_t pid, int deadlineMs = 60000) {
     return status;
 }
 
-// Runs the scenario in a forked child and returns its wait status. The child ends with exit status 0
-// when no EXPECT or ASSERT failed in it, else 1; its failures appear in the test's output.
+// Runs the scenario in a forked child and returns its wait status. The child ends with exit status
+// 0 when no EXPECT or ASSERT failed in it, else 1; its failures appear in the test's output.
 template <class Scenario>
 int inChild(Scenario scenario, int deadlineMs = 60000) {
     std::fflush(nullptr);

@@ -74,12 +74,6 @@ struct Opener {
     }
 };
 
-inline uint32_t combinedModeOf(SharedFileLockTable *table, const SharedFileKey &key) {
-    uint32_t combined = 0, opens = 0;
-    (void)SharedFileInfo(table, &key, &combined, &opens, nullptr, 0);
-    return combined;
-}
-
 inline uint32_t opensOf(SharedFileLockTable *table, const SharedFileKey &key) {
     uint32_t combined = 0, opens = 0;
     (void)SharedFileInfo(table, &key, &combined, &opens, nullptr, 0);

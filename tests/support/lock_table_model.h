@@ -1,5 +1,5 @@
-// What a lock table should do, told without its means: no hash, no links, no stored sums. A file is a
-// vector of opens and locks; modes and counts are added up whenever they are asked for.
+// What a lock table should do, told without its means: no hash, no links, no stored sums. A file is
+// a vector of opens and locks; modes and counts are added up whenever they are asked for.
 #pragma once
 
 #include "iosched/shared.h"

@@ -53,17 +53,23 @@ struct ReportedChild {
     int waitStatus = -1;  // until it has ended
 };
 
-// A process that sends this one a signal as soon as it sleeps, which it does in poll alone.
-inline pid_t signalWhenAsleep(int sig) {
-    const pid_t target = ::getpid();
-    const pid_t pid = ::fork();
-    if (pid != 0) return pid;
-    const std::string path = "/proc/" + std::to_string(target) + "/stat";
+// Waits for a state of a process as in /proc: S sleeps (this library does in poll alone), T
+// stopped.
+inline void awaitState(pid_t pid, char state) {
+    const std::string path = "/proc/" + std::to_string(pid) + "/stat";
     std::string stat;
     do {
         (void)ioYield();
         std::getline(std::ifstream(path), stat);
-    } while (!stat.empty() && stat[stat.rfind(')') + 2] != 'S');
+    } while (!stat.empty() && stat[stat.rfind(')') + 2] != state);
+}
+
+// A process that sends this one a signal as soon as it sleeps.
+inline pid_t signalWhenAsleep(int sig) {
+    const pid_t target = ::getpid();
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    awaitState(target, 'S');
     ::_exit(::kill(target, sig));
 }
 

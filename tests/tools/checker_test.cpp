@@ -1,288 +1,148 @@
-// Breaks a sound arena in every way that the checker knows and sees whether it names that very thing.
+// Breaks a sound arena in every way that the checker knows and sees whether it names that very
+// thing, and whether a repair keeps its promise.
+#include "repair_rules.h"
 #include "sample_arena.h"
-#include "shared/locks_internal.h"
-#include "shared/shared_internal.h"
 
 #include <algorithm>
-#include <functional>
-#include <stdexcept>
+#include <map>
+#include <sstream>
 
 namespace {
 
-// A sound arena's bytes, where its things lie, and what the scenario does to them.
-struct Patient {
-    Bytes bytes;
-    ArenaModel model;
+// The places and sizes of the things in a sound arena, by name.
+using Numbers = std::map<std::string, uint64_t>;
 
-    template <class T>
-    T get(uint64_t offset) const {
-        T value;
-        std::memcpy(&value, bytes.data() + offset, sizeof(T));
-        return value;
+Numbers numbersOf(const std::string &bytes) {
+    const ArenaModel model = readArena(bytesOf(bytes));
+    const LockTable &table = model.tables.at(0);
+    Numbers numbers{{"0", 0}, {"table", table.offset}};
+    for (const HeapBlock &block : model.blocks) {
+        if (block.allocated && !block.named) continue;
+        const std::string name = block.allocated ? block.name : numbers["free"] ? "last" : "free";
+        numbers[name] = block.offset;
+        numbers[name + ".size"] = block.size;
+        numbers[name + ".end"] = block.offset + block.size;
+        numbers[name + ".name"] = block.data() + block.chunkSize;
     }
-    template <class T>
-    uint64_t put(uint64_t offset, std::type_identity_t<T> value) {
-        std::memcpy(bytes.data() + offset, &value, sizeof(T));
-        return offset;
+    for (const TableFile &file : table.files) {
+        const std::string name = file.opens == 2 ? "report" : "ledger";
+        const bool isFirst = &file == table.files.data();
+        numbers[name] = numbers[isFirst ? "first" : "second"] = file.offset;
+        numbers[name + ".word0"] = file.word0;
+        if (isFirst) numbers["first.word1"] = file.word1;
+        for (size_t i = 0; i < file.records.size(); i++)
+            numbers[name + "." + std::to_string(i)] = file.records[i].offset;
     }
-
-    const LockTable &table() const { return model.tables.at(0); }
-    const TableFile &report() const { return file("report \"1\".txt"); }
-    const TableFile &ledger() const { return file("\x80ledger"); }
-    const HeapBlock &chunk(const std::string &name) const {
-        for (const HeapBlock &block : model.blocks) {
-            if (block.named && block.name == name) return block;
-        }
-        throw std::runtime_error("no chunk " + name);
-    }
-    uint64_t block(const std::string &name) const { return chunk(name).offset; }
-    // The first block of the free list, and the last.
-    uint64_t firstFree() const { return get<uint64_t>(offsetof(ArenaHeader, freeList)); }
-    uint64_t lastFree() const { return get<uint64_t>(firstFree()); }
-    uint64_t bucket(uint32_t i) const {
-        return table().offset + sizeof(SharedFileLockHeader) + i * sizeof(SharedLink);
-    }
-
-private:
-    const TableFile &file(const std::string &name) const {
-        for (const TableFile &found : table().files) {
-            if (found.name == name) return found;
-        }
-        throw std::runtime_error("no file " + name);
-    }
-};
-
-Patient soundArena() {
-    SampleArena sample;
-    Patient patient{sample.bytes(), {}};
-    patient.model = readArena(patient.bytes);
-    return patient;
+    return numbers;
 }
 
-struct Damage {
-    const char *code;
-    // Breaks something and returns where the finding must point.
-    std::function<uint64_t(Patient &)> inflict;
-};
+// A damage a line: the finding's code, where it points, and changes: at, bytes, value. Numbers are
+// places or sizes by their names above, with so much added.
+constexpr const char *kDamages = R"(
+magic            0+0x30          0+0x30 4 0+1
+version          0+0x34          0+0x34 4 0+2
+mutex-kind       0+0x10          0+0x10 4 0
+mutex-word       0               0 4 0+77
+mutex-holder     0+0x28          0+0x28 4 0+4711
+mutex-holder     0+8             0+8 4 0+4711
+padding          0+0x2C          0+0x2C 4 0+1
+block-link       0+0x38          0+0x38 8 0+0x4C
+block-link       0+0x40          0+0x40 8 0+0x40
+block-link       0+0x40          0+0x40 8 0-8
+block-link       tally           tally 8 0+0x100000
+block-twice      last            last 8 free
+block-twice      tally           tally 8 free
+heap-gap         free            0+0x38 8 last
+free-order       last            0+0x38 8 last  free 8 0  last 8 free
+free-neighbours  last+48         last+16 8 0+48  last 8 last+48  last+48 8 0  last+64 8 last.size-48
+block-size       tally+16        tally+16 8 0
+block-size       tally+16        tally+16 8 0+113
+block-size       tally+16        tally+16 8 0-8
+heap-overlap     tally.end       tally+16 8 tally.size+8
+heap-gap         tally.end-8     tally+16 8 tally.size-8
+references       tally+32        tally+32 4 0
+chunk-size       tally+24        tally+24 8 0+4096
+chunk-size       tally+24        tally+24 8 0-1
+block-surplus    tally+16        tally+8 8 0  tally+24 8 0+8
+name-place       tally+8         tally+8 8 0+0x48
+name-end         tally.name      tally.name 8 0+0x7878787878787878
+name-twice       locks.name      tally.name 8 0+0x736B636F6C
+table-state      table+48        table+48 4 0
+padding          table+52        table+52 4 0+9
+mutex-kind       table+16        table+16 4 0+1
+buckets          table+88        table+88 4 0+17
+buckets          table+88        table+88 4 0+0x80000000
+table-link       table+72        table+72 8 0+0x48
+table-link       report+80       report+80 8 0+3
+table-link       table+112       table+112 8 table+128
+slot-twice       report.1        report.1 8 report.0
+slot-twice       report+80       table+72 8 report.0
+slot-lost        ledger.0        ledger+80 8 ledger+80  ledger+88 8 ledger+80
+back-link        report.2+8      report.2+8 8 0+0x48
+back-link        table+152       table+152 8 0
+combined-mode    report+32       report+32 4 0+1
+open-count       report+40       report+40 4 0+3
+wrong-bucket     report+16       report+16 8 report.word0+1
+file-name        ledger+44       ledger+64 1 0+0x78
+padding          ledger+76       ledger+76 4 0+1
+record-pid       ledger.0+16     ledger.0+16 4 0
+padding          ledger.0+28     ledger.0+28 4 0+1
+padding          ledger.0+52     ledger.0+52 4 0+1
+key-twice        second+16       second+16 8 0+0x801  second+24 8 first.word1
+)";
 
-void expectNamed(const std::vector<Damage> &damages) {
-    const Patient sound = soundArena();
-    ASSERT_EQ(checkArena(sound.bytes), "");
-    for (size_t i = 0; i < damages.size(); i++) {
-        Patient patient = sound;
-        const uint64_t place = damages[i].inflict(patient);
-        const ArenaModel model = readArena(patient.bytes);
-        const bool named = std::any_of(
-            model.findings.list().begin(), model.findings.list().end(), [&](const Finding &f) {
-                return std::string_view(f.code) == damages[i].code && f.offset == place;
-            });
-        EXPECT_TRUE(named) << "damage " << i << ", " << damages[i].code << " at 0x" << std::hex
-                           << place << ":\n"
-                           << checkArena(patient.bytes);
-    }
+uint64_t valueOf(const Numbers &numbers, const std::string &text) {
+    const size_t end = std::min(text.find_first_of("+-"), text.size());
+    const auto plus = static_cast<uint64_t>(std::strtoll(text.c_str() + end, nullptr, 0));
+    return numbers.at(text.substr(0, end)) + plus;
 }
-
-constexpr uint64_t kSize = offsetof(BlockHeader, blockSize);
-constexpr uint64_t kFreeRecords = offsetof(SharedFileLockHeader, freeRecords);
-constexpr uint64_t kPrev = offsetof(SharedLink, prev);
 
 }  // namespace
 
-TEST(Checker, ReadsASoundArenaWhole) {
-    const Patient sound = soundArena();
-    EXPECT_EQ(sound.model.blocks.size(), 6u);
-    ASSERT_EQ(sound.model.tables.size(), 1u);
-    const LockTable &table = sound.table();
-    EXPECT_EQ(table.fileEntries, 16u);
-    EXPECT_EQ(table.lockRecords, 24u);
-    EXPECT_EQ(table.freeFiles, 14u);
-    EXPECT_EQ(table.freeRecords, 19u);
-    ASSERT_EQ(sound.report().records.size(), 4u);
-    EXPECT_EQ(sound.report().records[0].handle, 1u);
-    EXPECT_EQ(sound.report().records[3].end, INT64_MAX);
-    EXPECT_EQ(sound.report().opens, 2u);
+TEST(Checker, NamesEveryDamageAndWhereItIs) {
+    const std::string sound = SampleArena().bytes();
+    ASSERT_EQ(checkArena(bytesOf(sound)), "");
+    const Numbers numbers = numbersOf(sound);
+    std::istringstream damages(kDamages + 1);
+    for (std::string damage; std::getline(damages, damage);) {
+        std::istringstream words(damage);
+        std::string bytes = sound, code, place, at, value;
+        words >> code >> place;
+        for (size_t count; words >> at >> count >> value;) {
+            const uint64_t number = valueOf(numbers, value);
+            std::memcpy(bytes.data() + valueOf(numbers, at), &number, count);
+        }
+        const ArenaModel model = readArena(bytesOf(bytes));
+        const auto &list = model.findings.list();
+        EXPECT_TRUE(std::any_of(list.begin(), list.end(),
+                                [&](const Finding &f) {
+                                    return f.code == code && f.offset == valueOf(numbers, place);
+                                }))
+            << damage << '\n'
+            << checkArena(bytesOf(bytes));
+        EXPECT_EQ(brokenPromise(bytesOf(bytes)), "") << damage;
+    }
+    for (const size_t size : {size_t{71}, sound.size() - 8})
+        EXPECT_NE(checkArena(bytesOf(sound.substr(0, size))).find("file: "), std::string::npos);
 }
 
 // Seven entries take the room of twelve records, so the chunk's size alone does not tell.
 TEST(Checker, WorksOutTheNumbersOfEntriesAndRecordsThatNoFieldHolds) {
     for (const auto &[files, records] :
          {std::pair(0, 24), {7, 12}, {14, 3}, {32, 30}, {33, 12}, {40, 9}, {64, 70}, {100, 300}}) {
-        SampleArena sample(1 << 18);
-        SharedFileLockTable *other = nullptr;
-        ASSERT_EQ(AllocateSharedFileLockTable(sample.arena, "other", 1, files, records, &other), 0);
-        const Bytes bytes = sample.bytes();
-        const ArenaModel model = readArena(bytes);
-        EXPECT_EQ(checkArena(bytes), "");
-        ASSERT_EQ(model.tables.size(), 2u);
-        for (const LockTable &table : model.tables) {
-            if (table.name != "other") continue;
-            EXPECT_EQ(table.fileEntries, static_cast<uint64_t>(files));
-            EXPECT_EQ(table.lockRecords, static_cast<uint64_t>(records));
-        }
-        (void)FreeSharedFileLockTable(other);
+        const ScratchTable scratch(1, files, records);
+        const ArenaModel model = readArena(bytesOf(readFile(scratch.path())));
+        EXPECT_TRUE(model.findings.empty());
+        EXPECT_EQ(model.tables.at(0).fileEntries, static_cast<uint64_t>(files));
+        EXPECT_EQ(model.tables.at(0).lockRecords, static_cast<uint64_t>(records));
     }
-}
-
-TEST(Checker, NamesDamageToTheHeader) {
-    expectNamed({
-        {"magic", [](Patient &p) { return p.put<uint32_t>(0x30, 1); }},
-        {"version", [](Patient &p) { return p.put<uint32_t>(0x34, 2); }},
-        {"mutex-kind", [](Patient &p) { return p.put<uint32_t>(0x10, 0); }},
-        {"mutex-word", [](Patient &p) { return p.put<uint32_t>(0x00, 77); }},
-        {"mutex-holder", [](Patient &p) { return p.put<uint32_t>(0x28, 4711); }},
-        {"mutex-holder", [](Patient &p) { return p.put<uint32_t>(0x08, 4711); }},
-        {"padding", [](Patient &p) { return p.put<uint32_t>(0x2C, 1); }},
-        {"short", [](Patient &p) { return p.bytes.resize(71), 0; }},
-        {"file-size", [](Patient &p) { return p.bytes.resize(p.bytes.size() + 8), 0; }},
-    });
-}
-
-TEST(Checker, NamesDamageToTheListsOfTheHeap) {
-    expectNamed({
-        {"block-link", [](Patient &p) { return p.put<uint64_t>(0x38, 0x4C); }},
-        {"block-link", [](Patient &p) { return p.put<uint64_t>(0x40, 0x40); }},
-        {"block-link", [](Patient &p) { return p.put<uint64_t>(p.block("tally"), 1 << 20); }},
-        {"block-link", [](Patient &p) { return p.put<uint64_t>(0x40, ~uint64_t{7}); }},
-        {"block-twice", [](Patient &p) { return p.put<uint64_t>(p.lastFree(), p.firstFree()); }},
-        {"block-twice",
-         [](Patient &p) { return p.put<uint64_t>(p.block("tally"), p.firstFree()); }},
-        {"heap-gap",
-         [](Patient &p) {
-             const uint64_t lost = p.firstFree();
-             p.put<uint64_t>(0x38, p.get<uint64_t>(lost));
-             return lost;
-         }},
-        {"free-order",
-         [](Patient &p) {
-             const uint64_t first = p.firstFree(), last = p.lastFree();
-             p.put<uint64_t>(0x38, last);
-             p.put<uint64_t>(first, 0);
-             return p.put<uint64_t>(last, first);
-         }},
-        {"free-neighbours",
-         [](Patient &p) {
-             const uint64_t last = p.lastFree(), size = p.get<uint64_t>(last + kSize);
-             p.put<uint64_t>(last + kSize, 48);
-             p.put<uint64_t>(last, last + 48);
-             p.put<uint64_t>(last + 48, 0);
-             p.put<uint64_t>(last + 48 + kSize, size - 48);
-             return last + 48;
-         }},
-    });
-}
-
-TEST(Checker, NamesDamageToBlocks) {
-    expectNamed({
-        {"block-size", [](Patient &p) { return p.put<uint64_t>(p.block("tally") + kSize, 0); }},
-        {"block-size", [](Patient &p) { return p.put<uint64_t>(p.block("tally") + kSize, 113); }},
-        {"block-size", [](Patient &p) { return p.put<uint64_t>(p.block("tally") + kSize, ~7ull); }},
-        {"heap-overlap",
-         [](Patient &p) {
-             const HeapBlock &tally = p.chunk("tally");
-             p.put<uint64_t>(tally.offset + kSize, tally.size + 8);
-             return tally.offset + tally.size;
-         }},
-        {"heap-gap",
-         [](Patient &p) {
-             const HeapBlock &tally = p.chunk("tally");
-             p.put<uint64_t>(tally.offset + kSize, tally.size - 8);
-             return tally.offset + tally.size - 8;
-         }},
-        {"references", [](Patient &p) { return p.put<uint32_t>(p.block("tally") + 0x20, 0); }},
-        {"chunk-size", [](Patient &p) { return p.put<uint64_t>(p.block("tally") + 0x18, 4096); }},
-        {"chunk-size", [](Patient &p) { return p.put<uint64_t>(p.block("tally") + 0x18, ~0ull); }},
-        {"block-surplus",
-         [](Patient &p) {
-             const uint64_t locks = p.block("tally");
-             p.put<uint64_t>(locks + 8, 0);
-             p.put<uint64_t>(locks + 0x18, 8);
-             return locks + kSize;
-         }},
-        {"name-place", [](Patient &p) { return p.put<uint64_t>(p.block("tally") + 8, 0x48); }},
-        {"name-end",
-         [](Patient &p) {
-             const HeapBlock &tally = p.chunk("tally");
-             const uint64_t name = tally.data() + tally.chunkSize;
-             std::memset(p.bytes.data() + name, 'x', tally.offset + tally.size - name);
-             return name;
-         }},
-        {"name-twice",
-         [](Patient &p) {
-             const HeapBlock &tally = p.chunk("tally"), &locks = p.chunk("locks");
-             std::memcpy(p.bytes.data() + tally.data() + tally.chunkSize, "locks", 6);
-             return locks.data() + locks.chunkSize;
-         }},
-    });
-}
-
-TEST(Checker, NamesDamageToTheHeaderAndTheListsOfATable) {
-    expectNamed({
-        {"table-state", [](Patient &p) { return p.put<uint32_t>(p.table().offset + 48, 0); }},
-        {"padding", [](Patient &p) { return p.put<uint32_t>(p.table().offset + 52, 9); }},
-        {"mutex-kind", [](Patient &p) { return p.put<uint32_t>(p.table().offset + 16, 1); }},
-        {"buckets", [](Patient &p) { return p.put<uint32_t>(p.table().offset + 88, 17); }},
-        {"buckets", [](Patient &p) { return p.put<uint32_t>(p.table().offset + 88, 1u << 31); }},
-        {"table-link",
-         [](Patient &p) { return p.put<uint64_t>(p.table().offset + kFreeRecords, 0x48); }},
-        {"table-link", [](Patient &p) { return p.put<uint64_t>(p.report().offset + 80, 3); }},
-        {"table-link", [](Patient &p) { return p.put<uint64_t>(p.bucket(1), p.bucket(2)); }},
-        {"slot-twice",
-         [](Patient &p) {
-             const TableFile &report = p.report();
-             return p.put<uint64_t>(report.records[1].offset, report.records[0].offset);
-         }},
-        {"slot-twice",
-         [](Patient &p) {
-             p.put<uint64_t>(p.table().offset + kFreeRecords, p.report().records[0].offset);
-             return p.report().offset + offsetof(SharedFileEntry, records);
-         }},
-        {"slot-lost",
-         [](Patient &p) {
-             const uint64_t records = p.ledger().offset + 80;
-             p.put<uint64_t>(records, records);
-             p.put<uint64_t>(records + kPrev, records);
-             return p.ledger().records[0].offset;
-         }},
-        {"back-link",
-         [](Patient &p) { return p.put<uint64_t>(p.report().records[2].offset + kPrev, 0x48); }},
-        {"back-link", [](Patient &p) { return p.put<uint64_t>(p.bucket(3) + kPrev, 0); }},
-    });
-}
-
-TEST(Checker, NamesDamageToFilesAndRecords) {
-    expectNamed({
-        {"combined-mode", [](Patient &p) { return p.put<uint32_t>(p.report().offset + 32, 1); }},
-        {"open-count", [](Patient &p) { return p.put<uint32_t>(p.report().offset + 40, 3); }},
-        {"wrong-bucket",
-         [](Patient &p) { return p.put<uint64_t>(p.report().offset + 16, p.report().word0 ^ 1); }},
-        {"file-name",
-         [](Patient &p) {
-             p.put<char>(p.ledger().offset + 44 + 20, 'x');
-             return p.ledger().offset + 44;
-         }},
-        {"padding", [](Patient &p) { return p.put<uint32_t>(p.ledger().offset + 76, 1); }},
-        {"record-pid",
-         [](Patient &p) { return p.put<uint32_t>(p.ledger().records[0].offset + 16, 0); }},
-        {"padding",
-         [](Patient &p) { return p.put<uint32_t>(p.ledger().records[0].offset + 28, 1); }},
-        {"padding",
-         [](Patient &p) { return p.put<uint32_t>(p.ledger().records[0].offset + 52, 1); }},
-        {"key-twice",
-         [](Patient &p) {
-             // Whichever file comes second in the order of the buckets is the one that is named.
-             const TableFile &first = p.table().files[0], &second = p.table().files[1];
-             p.put<uint64_t>(second.offset + 16, first.word0);
-             p.put<uint64_t>(second.offset + 24, first.word1);
-             return second.offset + 16;
-         }},
-    });
 }
 
 // A list that holds as many blocks as fit, each claiming the rest of the arena as its own: whoever
 // read every chunk or name of it would take the square of its size.
 TEST(Checker, TakesBlocksThatAllOverlapInItsStride) {
     constexpr uint64_t kBytes = 4 << 20;
-    Bytes bytes(kBytes);
+    std::vector<std::byte> bytes(kBytes);
     ArenaHeader header{};
     header.magic = kArenaMagic;
     header.version = kArenaVersion;

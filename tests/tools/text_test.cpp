@@ -33,7 +33,6 @@ TEST(ArenactlText, ModesAndRangesReadAsWords) {
     EXPECT_EQ(joined(modeWords(0)), "none");
     EXPECT_EQ(joined(modeWords(0x8000 | SHARED_FILE_READ | SHARED_FILE_OPLOCK_BATCH)),
               "read, oplock-batch, 0x8000");
-    EXPECT_EQ(joined(lockWords(3)), "shared, exclusive");
     const auto range = [](int64_t start, int64_t end) {
         return rangeWords({0, 1, 1, 1, start, end, 1, false});
     };
@@ -42,11 +41,4 @@ TEST(ArenactlText, ModesAndRangesReadAsWords) {
     EXPECT_EQ(range(5, 4), "no bytes at 5");
     EXPECT_EQ(range(0, -2), "no bytes at 0");
     EXPECT_EQ(range(INT64_MIN, INT64_MAX), "bytes from -9223372036854775808");
-}
-
-TEST(ArenactlText, ColumnsStandBelowOneAnother) {
-    Columns columns({1});
-    columns.row({"a", "1", "x"});
-    columns.row({"long", "234", ""});
-    EXPECT_EQ(columns.text(2), "  a       1  x\n  long  234\n");
 }

@@ -58,16 +58,15 @@ TEST(MountPoints, MissingTableLeavesAnEmptyCacheAndRescans) {
     });
 }
 
-// A record that cannot be had costs its own line, a name that cannot be copied ends the loading, and
-// a rescan that meets either finds nothing. Of one place's lines, the device found tells which were
-// loaded: the last of those.
+// A record that cannot be had costs its own line, a device that cannot be copied ends the loading,
+// and a rescan that meets either finds nothing. Of one place's lines, the device found tells which
+// were loaded: the last of those.
 TEST(MountPoints, LackOfMemoryCostsOneLineOrTheRest) {
     const struct {
         unsigned callocs, strdups;
         const char *device;
-    } cases[] = {{0b100, 0, "two"},      {0b010, 0, "three"},  {0, 0b010000, "two"},
-                 {0, 0b000100, "one"},   {0, 0b000001, "one"}, {0b1111, 0, nullptr},
-                 {0b0111, 0b10, nullptr}};
+    } cases[] = {{0b100, 0, "two"}, {0b010, 0, "three"},  {0, 0b100, "two"},     {0, 0b010, "one"},
+                 {0, 0b001, "one"}, {0b1111, 0, nullptr}, {0b0111, 0b1, nullptr}};
     for (const auto &lack : cases) {
         runWithOwnMounts([&] {
             const std::string place = newTmpfs("place");

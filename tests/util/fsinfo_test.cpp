@@ -1,5 +1,5 @@
-// GetFSInfo, for the most part with a kernel played by the test: figures, types and quota interfaces
-// that the kernel at hand does not have.
+// GetFSInfo with a kernel played by the test: figures, types and quota interfaces that the kernel
+// at hand does not have.
 #include "util/own_mounts.h"
 #include "util/util_internal.h"
 
@@ -72,10 +72,21 @@ FSInfo infoOf(const struct statfs &fs, const char *path = nullptr, int options =
     return info;
 }
 
+// The figures above as an unlimited caller gets them, and under a quota of blocks and files.
+FSInfo expectedInfo(uint64_t freeBlocks = 9000, uint64_t totalBlocks = 10000,
+                    uint64_t freeFiles = 700, uint64_t totalFiles = 800,
+                    uint64_t blockSize = 4096) {
+    const bool limited = totalBlocks != 10000 || totalFiles != 800;
+    return {blockSize,   freeBlocks,
+            totalBlocks, freeFiles,
+            totalFiles,  9000,
+            10000,       700,
+            800,         FSINFO_DISK_FS | (limited ? FSINFO_QUOTA : 0)};
+}
+
 TEST(GetFSInfo, FiguresAreTheFileSystemsAndFreeBlocksBelowZeroCountAsNone) {
     struct statfs fs = figures(kExt4);
-    EXPECT_TRUE(infoOf(fs) ==
-                (FSInfo{4096, 9000, 10000, 700, 800, 9000, 10000, 700, 800, FSINFO_DISK_FS}));
+    EXPECT_TRUE(infoOf(fs) == expectedInfo());
     EXPECT_EQ(infoOf(fs, nullptr, FSINFO_ALL_FREE).fsFreeBlocks, 9500u);
     fs.f_bavail = UINT64_MAX - 4;
     EXPECT_EQ(infoOf(fs).freeBlocks, 0u);
@@ -89,48 +100,19 @@ TEST(GetFSInfo, FiguresAreTheFileSystemsAndFreeBlocksBelowZeroCountAsNone) {
         EXPECT_EQ(infoOf(figures(type)).flags, 0u) << std::hex << type;
 }
 
-// The real thing: what statfs says, in both views.
-void expectFiguresOf(const std::string &place, uint32_t flags) {
-    struct statfs fs {};
-    FSInfo info{}, all{};
-    ASSERT_EQ(::statfs(place.c_str(), &fs), 0);
-    EXPECT_EQ(GetFSInfo(-1, place.c_str(), 0, &info), 0);
-    const FSInfo expected{static_cast<uint64_t>(fs.f_bsize),
-                          fs.f_bavail,
-                          fs.f_blocks,
-                          fs.f_ffree,
-                          fs.f_files,
-                          fs.f_bavail,
-                          fs.f_blocks,
-                          fs.f_ffree,
-                          fs.f_files,
-                          flags};
-    EXPECT_TRUE(info == expected);
-    EXPECT_EQ(GetFSInfo(-1, place.c_str(), FSINFO_ALL_FREE, &all), 0);
-    EXPECT_EQ(all.freeBlocks, fs.f_bfree);
-}
-
-TEST(GetFSInfo, OnlyExt4OfTheTwoIsADiskFileSystem) {
-    runWithOwnMounts([] {
-        expectFiguresOf(newTmpfs("memory", "size=3m,nr_inodes=77"), 0);
-        expectFiguresOf(newExt4("disk", "-m 20"), FSINFO_DISK_FS);
-    });
-}
-
 TEST(GetFSInfo, DescriptorIsQueriedBeforeThePathAndNeedsNone) {
-    runWithOwnMounts([] {
-        const std::string place = newTmpfs("place"), other = newTmpfs("other", "size=5m");
-        const int fd = ::open(place.c_str(), O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(fd, 0);
-        FSInfo expected{}, info{};
-        EXPECT_EQ(GetFSInfo(-1, place.c_str(), 0, &expected), 0);
-        EXPECT_EQ(expected.totalBlocks, 256u);
-        for (const char *path : {static_cast<const char *>(nullptr), "", "/no/such/place",
-                                 other.c_str(), place.c_str()}) {
-            EXPECT_EQ(GetFSInfo(fd, path, 0, &info), 0);
-            EXPECT_TRUE(info == expected) << (path != nullptr ? path : "null");
-        }
-    });
+    const int fd = ::open("/proc", O_RDONLY | O_CLOEXEC);
+    struct statfs root {};
+    FSInfo expected{}, info{};
+    EXPECT_EQ(GetFSInfo(-1, "/proc", FSINFO_NO_QUOTA, &expected), 0);
+    for (const char *path : {static_cast<const char *>(nullptr), "", "/no/such/place", "/"}) {
+        EXPECT_EQ(GetFSInfo(fd, path, FSINFO_NO_QUOTA, &info), 0);
+        EXPECT_TRUE(info == expected) << (path != nullptr ? path : "null");
+    }
+    ASSERT_EQ(::statfs("/", &root), 0);
+    EXPECT_EQ(GetFSInfo(-1, "/", FSINFO_NO_QUOTA, &info), 0);
+    EXPECT_EQ(info.fsTotalBlocks, root.f_blocks);
+    EXPECT_NE(root.f_blocks, expected.totalBlocks);
 }
 
 TEST(GetFSInfo, FailureReportsTheQuerysErrorAndLeavesTheRecord) {
@@ -151,6 +133,17 @@ TEST(GetFSInfo, FailureReportsTheQuerysErrorAndLeavesTheRecord) {
     }
 }
 
+// Soft limits of 1 take no part.
+QuotaBlock current(uint64_t blockLimit, uint64_t usedBytes, uint64_t fileLimit = 0,
+                   uint64_t usedFiles = 0) {
+    return {blockLimit, 1, usedBytes, fileLimit, 1, usedFiles, 0, 0, 0, 0};
+}
+
+OldQuotaBlock old(uint32_t blockLimit, uint32_t usedBlocks, uint32_t fileLimit = 0,
+                  uint32_t usedFiles = 0) {
+    return {blockLimit, 1, usedBlocks, fileLimit, 1, usedFiles, 0, 0};
+}
+
 // Calls `scenario` with a directory on a file system whose quotas are played, as an unprivileged
 // effective user, in a process that has met no quota interface yet.
 template <class Scenario>
@@ -167,36 +160,28 @@ void withPlayedQuotas(bool currentInterface, Scenario scenario) {
     });
 }
 
+// In quota blocks of the interface's own size, of 4096 bytes, and of the interface's own again.
 template <class Block>
-void expectQuota(const Block &answer, const char *place, uint64_t free, uint64_t total) {
-    playedBlock.assign(reinterpret_cast<const char *>(&answer), sizeof answer);
-    EXPECT_TRUE(infoOf(figures(kExt4), place) == (FSInfo{4096, free, total, 700, 800, 9000, 10000,
-                                                         700, 800, FSINFO_DISK_FS | FSINFO_QUOTA}));
-    EXPECT_EQ(asked.device, "/dev/played");
-    EXPECT_EQ(asked.user, static_cast<int>(kUser));
+void expectQuota(const Block &answer, uint32_t command, const FSInfo &byDefault,
+                 const FSInfo &by4096) {
+    withPlayedQuotas(std::is_same_v<Block, QuotaBlock>, [&](const char *place) {
+        playedBlock.assign(reinterpret_cast<const char *>(&answer), sizeof answer);
+        for (const int size : {0, 4096, 0}) {
+            EXPECT_EQ(SetQuotaBlockSize(size), 0);
+            EXPECT_TRUE(infoOf(figures(kExt4), place) == (size == 0 ? byDefault : by4096));
+            EXPECT_EQ(asked.command, command);
+            EXPECT_EQ(asked.device, "/dev/played");
+            EXPECT_EQ(asked.user, static_cast<int>(kUser));
+        }
+    });
 }
 
 TEST(GetFSInfo, CurrentQuotaInterfaceIsAskedWhereItIsPresent) {
-    withPlayedQuotas(true, [](const char *place) {
-        QuotaBlock block{};
-        block.blockHardLimit = 1000;
-        block.usedBytes = 500000;
-        expectQuota(block, place, 127, 250);
-        EXPECT_EQ(asked.command, 0x80000700u);
-        EXPECT_EQ(SetQuotaBlockSize(4096), 0);
-        expectQuota(block, place, 877, 1000);
-    });
+    expectQuota(current(1000, 500000), 0x80000700, expectedInfo(127, 250), expectedInfo(877, 1000));
 }
 
 TEST(GetFSInfo, OldQuotaInterfaceIsAskedElsewhere) {
-    withPlayedQuotas(false, [](const char *place) {
-        const OldQuotaBlock block{1000, 0, 400, 0, 0, 0, 0, 0};
-        expectQuota(block, place, 75, 125);
-        EXPECT_EQ(asked.command, 0x30000u);
-        EXPECT_EQ(SetQuotaBlockSize(4096), 0);
-        EXPECT_EQ(SetQuotaBlockSize(0), 0);
-        expectQuota(block, place, 75, 125);
-    });
+    expectQuota(old(1000, 400), 0x30000, expectedInfo(75, 125), expectedInfo(600, 1000));
 }
 
 TEST(GetFSInfo, NobodyIsAskedForQuotasWithoutNeedAndAFailureKeepsTheFigures) {
@@ -210,6 +195,37 @@ TEST(GetFSInfo, NobodyIsAskedForQuotasWithoutNeedAndAFailureKeepsTheFigures) {
         EXPECT_TRUE(infoOf(fs, place) == infoOf(fs));
         EXPECT_EQ(asked.calls, 1);
     });
+}
+
+template <class Block>
+void expectUnder(const Block &quota, int quotaBlockSize, const FSInfo &expected) {
+    FSInfo info = expectedInfo(9000, 10000, 700, 800, expected.blockSize);
+    applyQuota(quota, quotaBlockSize, &info);
+    EXPECT_TRUE(info == expected) << expected.freeBlocks << " " << expected.freeFiles;
+}
+
+TEST(QuotaArithmetic, UseAtOrAboveALimitLeavesNothingFreeAndALimitOfZeroIsNone) {
+    expectUnder(current(1000, 500000, 50, 4), 0, expectedInfo(127, 250, 46, 50));
+    expectUnder(old(1000, 400, 50, 4), 0, expectedInfo(75, 125, 46, 50));
+    for (const uint64_t extra : {0u, 1u, 1000000u})
+        expectUnder(current(1000, 1024000 + extra, 50, 50 + extra), 0, expectedInfo(0, 250, 0, 50));
+    expectUnder(old(1000, 1001, 50, 51), 0, expectedInfo(0, 125, 0, 50));
+    expectUnder(current(0, 500000, 50, 4), 0, expectedInfo(9000, 10000, 46, 50));
+    expectUnder(old(1000, 400, 0, 4), 0, expectedInfo(75, 125));
+    expectUnder(current(0, 500000, 0, 4), 0, expectedInfo());
+}
+
+// Products have 64 bits, comparisons are signed and divisions unsigned, also where a limit looks
+// negative; a block size of 0 leaves the block counts.
+TEST(QuotaArithmetic, ExtremesNeitherOverflowNorTrap) {
+    expectUnder(old(0xffffffff, 0xfffffffe), 4096, expectedInfo(1, 0xffffffff));
+    expectUnder(old(0xffffffff, 0), 0, expectedInfo(536870911, 2199023255040 / 4096));
+    expectUnder(current(1, 0), -4096, expectedInfo(0, (UINT64_MAX - 4095) / 4096));
+    expectUnder(old(2, 1), -4096, expectedInfo(0, (UINT64_MAX - 8191) / 4096));
+    expectUnder(current(0, 0, UINT64_MAX, 7), 0, expectedInfo(9000, 10000, 0, UINT64_MAX));
+    expectUnder(current(0, 0, 5, UINT64_MAX), 0, expectedInfo(9000, 10000, 6, 5));
+    expectUnder(current(1000, 0, 50, 4), 0, expectedInfo(9000, 10000, 46, 50, 0));
+    expectUnder(old(1000, 0, 50, 4), 0, expectedInfo(9000, 10000, 46, 50, 0));
 }
 
 }  // namespace

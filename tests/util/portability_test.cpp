@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <string>
 #include <unistd.h>
 
 extern "C" int callGetUTF8ArgsFromC(void);
@@ -14,8 +15,6 @@ TEST(SetBlockingMode, ChangesOnlyItsOwnFlag) {
     ASSERT_EQ(::pipe(ends), 0);
     ASSERT_EQ(::fcntl(ends[1], F_SETFL, O_APPEND), 0);
     const int blocking = ::fcntl(ends[1], F_GETFL);
-    ASSERT_EQ(blocking & (O_NONBLOCK | O_APPEND), O_APPEND);
-
     EXPECT_EQ(SetBlockingMode(ends[1], 0), 0);
     EXPECT_EQ(::fcntl(ends[1], F_GETFL), blocking | O_NONBLOCK);
     EXPECT_EQ(SetBlockingMode(ends[1], 2), 0);
@@ -24,12 +23,53 @@ TEST(SetBlockingMode, ChangesOnlyItsOwnFlag) {
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST(Portability, GetUTF8ArgsTakesAnyArguments) {
-    int argc = 0;
-    char **argv = nullptr;
-    EXPECT_EQ(GetUTF8Args(), 0);
-    EXPECT_EQ(GetUTF8Args(&argc, &argv, 1.5), 0);
-    EXPECT_EQ(callGetUTF8ArgsFromC(), 0);
+TEST(GetUTF8Args, TakesAnyArgumentsInBothLanguages) {
+    EXPECT_EQ(GetUTF8Args() | GetUTF8Args("", 1.5) | callGetUTF8ArgsFromC(), 0);
+}
+
+// Fractions of a second are dropped downwards; times outside the range wrap.
+TEST(FileTime, BothWaysAgreeToTheSecondInAndOutsideTheRange) {
+    const struct {
+        uint64_t fileTime;
+        int64_t seconds;
+        uint64_t back;
+    } rows[] = {{0, -11644473600, 0},
+                {116444735999999999, -1, 116444735990000000},
+                {116444736000000000, 0, 116444736000000000},
+                {116444736019999999, 1, 116444736010000000},
+                {UINT64_MAX, 1833029933770, 18446744073700000000u}};
+    for (const auto &row : rows) {
+        EXPECT_EQ(win2unixtime(row.fileTime), row.seconds);
+        EXPECT_EQ(unix2wintime(row.seconds), row.back);
+    }
+    EXPECT_EQ(unix2wintime(-11644473601), UINT64_MAX - 9999999);
+    EXPECT_EQ(unix2wintime(INT64_MAX), UINT64_C(116444736000000000) - 10000000);
+    EXPECT_EQ(unix2wintime(INT64_MIN), UINT64_C(116444736000000000));
+}
+
+// What `tail` appended at `kept` leaves in a buffer of `size` bytes.
+std::string appended(std::string buffer, size_t kept, const std::string &tail, size_t size) {
+    if (kept >= size) return buffer;
+    const std::string text = tail.substr(0, size - 1 - kept) + '\0';
+    return buffer.replace(kept, text.size(), text);
+}
+
+TEST(Strlfuncs, EveryLengthAndSizeAgreesWithTheDefinition) {
+    for (size_t before = 0; before <= 5; ++before) {
+        for (size_t length = 0; length <= 10; ++length) {
+            const std::string src = std::string("0123456789").substr(0, length);
+            for (size_t size = 0; size <= 16; ++size) {
+                std::string dst(16, '~');
+                std::string expected = appended(dst, 0, src, size);
+                EXPECT_EQ(strlcpy(dst.data(), src.c_str(), size), length);
+                EXPECT_EQ(dst, expected) << "length " << length << " size " << size;
+                dst.assign(before, 'h').append(1, '\0').resize(16, '~');
+                expected = appended(dst, before, src, size);
+                EXPECT_EQ(strlcat(dst.data(), src.c_str(), size), before + length);
+                EXPECT_EQ(dst, expected) << before << "+" << length << " size " << size;
+            }
+        }
+    }
 }
 
 }  // namespace

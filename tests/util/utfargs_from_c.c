@@ -4,7 +4,5 @@
 int callGetUTF8ArgsFromC(void);
 
 int callGetUTF8ArgsFromC(void) {
-    int argc = 0;
-    char **argv = NULL;
-    return GetUTF8Args() | GetUTF8Args(&argc, &argv, 1.5);
+    return GetUTF8Args() | GetUTF8Args("", 1.5);
 }

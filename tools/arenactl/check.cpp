@@ -30,7 +30,8 @@ void readMutex(const ArenaView &arena, uint64_t offset, const std::string &place
             "mutex-word", offset, 4, place + ", mutex",
             printed("lock word %" PRIu32 ", where only 0, 1 and 2 mean anything", words.lock));
     }
-    // The holder is cleared before the mutex is unlocked, and its owner before its lock word.
+    // The holder is cleared before the mutex is unlocked, and its owner before its lock word; so
+    // either of them beside a word of 0 was left by nobody's unlock.
     if (words.lock == 0 && (mutex.holder != 0 || words.owner != 0)) {
         const bool byHolder = mutex.holder != 0;
         findings.add("mutex-holder",

@@ -22,8 +22,9 @@ struct MutexState {
     uint32_t holder;    // process id that the library records; 0 while free
 
     bool held() const { return word != 0; }
-    // The process to ask about: the library's record, else the mutex's own.
-    uint32_t process() const { return holder != 0 ? holder : owner; }
+    // The process to ask about. The C library records the locker itself; what the library records
+    // is wrong in a child of plain fork(), which goes on giving its parent's id.
+    uint32_t process() const { return owner != 0 ? owner : holder; }
 };
 
 struct ArenaModel {

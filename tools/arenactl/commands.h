@@ -7,13 +7,20 @@
 
 #include <string>
 
+// What of a lock table arenactl locks shows.
+struct LockFilter {
+    std::string file;  // a name, the end of one, or a key as it is printed; empty for every file
+    uint32_t pid = 0;  // only what this process holds; 0 for everybody
+    bool blocking = false;  // with who stands in whose way
+};
+
 // Each in the file of its name.
 std::string infoText(Examination &exam);
 void infoJson(Examination &exam, JsonWriter &json);
 std::string chunksText(const Examination &exam);
 void chunksJson(const Examination &exam, JsonWriter &json);
-std::string locksText(Examination &exam);
-void locksJson(Examination &exam, JsonWriter &json);
+std::string locksText(Examination &exam, const LockFilter &filter);
+void locksJson(Examination &exam, const LockFilter &filter, JsonWriter &json);
 std::string checkText(Examination &exam);
 
 // What several of them show.
@@ -35,4 +42,5 @@ void mutexesJson(Examination &exam, JsonWriter &json);
 enum class Command { kInfo, kChunks, kLocks, kCheck };
 
 // The whole output of a command and the exit status: 0, or 2 if something is wrong with the arena.
-int runCommand(Command command, bool asJson, Examination &exam, std::string *output);
+int runCommand(Command command, bool asJson, Examination &exam, std::string *output,
+               const LockFilter &filter = {});

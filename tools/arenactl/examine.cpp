@@ -1,27 +1,16 @@
 #include "examine.h"
 
 #include "mutex_words.h"
+#include "waiting.h"
 
 #include <algorithm>
 #include <cinttypes>
-#include <ctime>
 
 namespace {
 
 // How many copies of a busy arena must show the same finding before it counts.
 constexpr int kConfirmations = 4;
 constexpr int kConfirmMs = 20;
-
-int64_t nowMs() {
-    timespec now{};
-    (void)::clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-void restOneMs() {
-    const timespec rest{0, 1000000};
-    (void)::nanosleep(&rest, nullptr);
-}
 
 // Reads the file until two readings agree and no mutex is held, or the time is up.
 bool takeCopy(int waitMs, Examination *exam, std::string *error) {
@@ -49,7 +38,8 @@ bool sameFinding(const Finding &a, const Finding &b) {
     return a.offset == b.offset && std::string_view(a.code) == b.code;
 }
 
-// A copy torn by writers can look damaged. What is really wrong shows in every copy.
+// A copy torn by writers can look damaged. What is really wrong shows in every copy, at the same
+// place: of two readings that differ the later one counts, less what only it finds wrong.
 bool confirmFindings(Examination *exam, std::string *error) {
     for (int i = 1; i < kConfirmations && !exam->exact && !exam->model.findings.empty(); i++) {
         const std::vector<Finding> before = std::move(exam->model.findings.list());
@@ -65,8 +55,8 @@ bool confirmFindings(Examination *exam, std::string *error) {
     return true;
 }
 
-// Does the file still name the same holder? One that released the mutex after the copy was taken and
-// ended since then is nobody's worry.
+// Does the file still name the same holder? A holder that released the mutex after the copy was
+// taken and ended since then is nobody's worry.
 bool stillHeld(const ArenaFile &file, const MutexState &mutex) {
     SharedMutex now{};
     if (::pread(file.descriptor(), &now, sizeof(now), static_cast<off_t>(mutex.offset)) !=
@@ -76,25 +66,39 @@ bool stillHeld(const ArenaFile &file, const MutexState &mutex) {
     return words.lock != 0 && words.owner == mutex.owner && now.holder == mutex.holder;
 }
 
+// Between locking and recording itself a holder has no name for some instructions, and again while
+// it unlocks. One that is not on the processor then is no corpse, so this is never for certain.
+void addNameless(const MutexState &mutex, Findings *findings) {
+    findings->add(
+        "mutex-no-owner", mutex.offset, sizeof(SharedMutex), mutex.place + ", mutex",
+        "locked, but names no owner: if it stays so, its locker has died; arenactl repair "
+        "finds out");
+    Finding &last = findings->list().back();  // another one where the list is full
+    if (last.offset == mutex.offset) last.unsure = true;
+}
+
 // Marks what a living holder may be about to put right, and adds what a dead one never will.
+// Nothing is dropped here: a finding that is unsure is shown, but makes no arena damaged.
 void judgeMutexes(Examination *exam) {
     std::vector<Finding> &findings = exam->model.findings.list();
     for (const MutexState &mutex : exam->model.mutexes) {
         if (!mutex.held()) continue;
-        const Life life = exam->processes.lifeOf(mutex.process());
-        if (!hasEnded(life)) {
+        const Life life = exam->processes.holderLife(mutex.process());
+        if (!cannotHold(life)) {
             for (Finding &finding : findings)
                 finding.unsure = finding.unsure || finding.guard == mutex.offset;
             continue;
         }
-        // Between locking and recording itself a holder has no name for a moment.
-        if (mutex.process() == 0 || !stillHeld(exam->file, mutex)) continue;
+        if (!stillHeld(exam->file, mutex)) continue;
         exam->model.findings.guardedBy(mutex.offset);
-        exam->model.findings.add(
-            "mutex-dead-holder", mutex.offset, sizeof(SharedMutex), mutex.place + ", mutex",
-            printed("held by process %" PRIu32 ", which is %s: every process that needs it waits "
-                    "for ever; stop the servers and let the first to start make the arena anew",
-                    mutex.process(), lifeWords(life)));
+        if (mutex.process() == 0)
+            addNameless(mutex, &exam->model.findings);
+        else
+            exam->model.findings.add(
+                "mutex-dead-holder", mutex.offset, sizeof(SharedMutex), mutex.place + ", mutex",
+                printed("held by process %" PRIu32 ", which is %s: every process that needs it "
+                        "waits for ever; arenactl repair frees it",
+                        mutex.process(), textOf(life).words));
     }
 }
 

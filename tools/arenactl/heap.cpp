@@ -14,7 +14,8 @@ std::string blockAt(uint64_t offset, const char *field) {
 }
 
 // Walks one list after the other and collects its blocks. One mark for every eight bytes of the
-// arena ends a cycle and finds a block that is on both lists.
+// arena ends a cycle and finds a block that is on both lists: it counts where it was met first, and
+// the second list ends before it.
 class HeapReader {
 public:
     HeapReader(const ArenaView &arena, Findings &findings)
@@ -23,14 +24,13 @@ public:
     void walk(uint64_t headField, bool allocated) {
         allocated_ = allocated;
         uint64_t linkField = headField;
-        std::string linkPlace = printed("header, head of the %s list", listName());
         uint64_t previous = 0;
         while (const uint64_t offset = arena_.load<uint64_t>(linkField)) {
-            if (!canFollow(offset, linkField, linkPlace)) return;
+            if (!canFollow(offset, linkField)) return;
             seen_[offset / 8] = true;
             const auto block = arena_.load<BlockHeader>(offset);
             if (!allocated && offset < previous) {
-                findings_.add("free-order", linkField, 8, linkPlace,
+                findings_.add("free-order", linkField, 8, placeOf(linkField),
                               printed("leads back to 0x%" PRIx64
                                       "; the free list ascends by address",
                                       offset));
@@ -38,7 +38,6 @@ public:
             addBlock(offset, block);
             previous = offset;
             linkField = offset;
-            linkPlace = blockAt(offset, "next");
         }
     }
 
@@ -51,7 +50,12 @@ public:
 private:
     const char *listName() const { return allocated_ ? "allocated" : "free"; }
 
-    bool canFollow(uint64_t offset, uint64_t linkField, const std::string &place) {
+    std::string placeOf(uint64_t linkField) const {
+        if (linkField < kHeapOffset) return printed("header, head of the %s list", listName());
+        return blockAt(linkField, "next");
+    }
+
+    bool canFollow(uint64_t offset, uint64_t linkField) {
         const char *problem = nullptr;
         if (offset % 8 != 0)
             problem = "is not on an 8-byte boundary";
@@ -60,12 +64,12 @@ private:
         else if (!arena_.holds(offset, kHeaderBytes))
             problem = "lies past the end of the arena";
         if (problem) {
-            findings_.add("block-link", linkField, 8, place,
+            findings_.add("block-link", linkField, 8, placeOf(linkField),
                           printed("leads to 0x%" PRIx64 ", which %s", offset, problem));
             return false;
         }
         if (seen_[offset / 8]) {
-            findings_.add("block-twice", linkField, 8, place,
+            findings_.add("block-twice", linkField, 8, placeOf(linkField),
                           printed("leads to 0x%" PRIx64 ", a block met before: %s", offset,
                                   isOnOtherList(offset) ? "it is on the free and the allocated list"
                                                         : "the list runs in a circle"));
@@ -156,22 +160,33 @@ void readChunk(const ArenaView &arena, HeapBlock *block, Findings &findings) {
     }
 }
 
+// Blocks by address do not overlap. Only the first of two that do is read as a chunk.
+void checkOverlaps(std::vector<HeapBlock> &blocks, Findings &findings) {
+    uint64_t covered = kHeapOffset;
+    uint64_t before = 0;
+    for (HeapBlock &block : blocks) {
+        if (block.offset < covered) {
+            block.sound = false;
+            findings.add("heap-overlap", block.offset, covered - block.offset, "heap",
+                         printed("the block at 0x%" PRIx64
+                                 " overlaps the one before it, at 0x%" PRIx64,
+                                 block.offset, before));
+        }
+        covered = std::max(covered, block.offset + block.size);
+        before = block.offset;
+    }
+}
+
 // The blocks of both lists follow one another without a gap from the header to the end of the file.
-void checkTiling(const ArenaView &arena, std::vector<HeapBlock> &blocks, Findings &findings) {
+void checkTiling(const ArenaView &arena, const std::vector<HeapBlock> &blocks, Findings &findings) {
     uint64_t expected = kHeapOffset;
     const HeapBlock *before = nullptr;
-    for (HeapBlock &block : blocks) {
+    for (const HeapBlock &block : blocks) {
         if (block.offset > expected) {
             findings.add("heap-gap", expected, block.offset - expected, "heap",
                          printed("%" PRIu64 " bytes belong to no block of either list",
                                  block.offset - expected));
-        } else if (block.offset < expected) {
-            block.sound = false;
-            findings.add("heap-overlap", block.offset, expected - block.offset, "heap",
-                         printed("the block at 0x%" PRIx64
-                                 " overlaps the one before it, at 0x%" PRIx64,
-                                 block.offset, before ? before->offset : 0));
-        } else if (before && !before->allocated && !block.allocated) {
+        } else if (block.offset == expected && before && !before->allocated && !block.allocated) {
             findings.add("free-neighbours", block.offset, kHeaderBytes,
                          blockAt(block.offset, "a free block"),
                          printed("touches the free block at 0x%" PRIx64
@@ -209,11 +224,25 @@ std::vector<HeapBlock> readHeap(const ArenaView &arena, Findings &findings) {
     reader.walk(offsetof(ArenaHeader, freeList), false);
     reader.walk(offsetof(ArenaHeader, allocatedList), true);
     std::vector<HeapBlock> blocks = reader.takeBlocks();
+    checkOverlaps(blocks, findings);
     checkTiling(arena, blocks, findings);
     // Chunks are read where blocks do not overlap, so that no input makes this read the same bytes
     // once for every block.
     for (HeapBlock &block : blocks) {
         if (block.allocated && block.sound) readChunk(arena, &block, findings);
+    }
+    checkNames(blocks, findings);
+    return blocks;
+}
+
+std::vector<HeapBlock> readAllocated(const ArenaView &arena, Findings &findings) {
+    findings.guardedBy(0);
+    HeapReader reader(arena, findings);
+    reader.walk(offsetof(ArenaHeader, allocatedList), true);
+    std::vector<HeapBlock> blocks = reader.takeBlocks();
+    checkOverlaps(blocks, findings);
+    for (HeapBlock &block : blocks) {
+        if (block.sound && block.references != 0) readChunk(arena, &block, findings);
     }
     checkNames(blocks, findings);
     return blocks;

@@ -25,3 +25,7 @@ struct HeapBlock {
 
 // The blocks of both lists in ascending order of address, each once.
 std::vector<HeapBlock> readHeap(const ArenaView &arena, Findings &findings);
+
+// The blocks of the allocated list alone, whatever the free list is like; gaps between them are
+// nothing wrong. A block without references is one that is just being freed: only its place counts.
+std::vector<HeapBlock> readAllocated(const ArenaView &arena, Findings &findings);

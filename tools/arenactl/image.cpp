@@ -1,5 +1,6 @@
 #include "image.h"
 
+#include "proc.h"
 #include "text.h"
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 namespace {
@@ -19,6 +21,20 @@ uint64_t largestImage() {
     const long pageBytes = ::sysconf(_SC_PAGESIZE);
     if (pages <= 0 || pageBytes <= 0) return uint64_t{1} << 30;
     return static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageBytes) / 2;
+}
+
+// The name is read off a mapping of our own, of one page, which is never touched.
+std::string mapsNameOf(int fd) {
+    const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    void *const view = ::mmap(nullptr, page, PROT_READ, MAP_SHARED, fd, 0);
+    if (view == MAP_FAILED) return {};
+    std::string name;
+    const std::string begin = printed("%zx-", reinterpret_cast<uintptr_t>(view));
+    eachLine(readText("/proc/self/maps"), [&](const std::string &line) {
+        if (line.starts_with(begin)) name = mappedFile(line);
+    });
+    (void)::munmap(view, page);
+    return name;
 }
 
 }  // namespace
@@ -43,6 +59,7 @@ bool ArenaFile::open(const char *path, std::string *error) {
     device_ = status.st_dev;
     inode_ = status.st_ino;
     path_ = path;
+    mapsName_ = mapsNameOf(fd);
     return true;
 }
 

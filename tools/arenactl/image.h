@@ -26,9 +26,13 @@ public:
     dev_t device() const { return device_; }
     ino_t inode() const { return inode_; }
     const std::string &path() const { return path_; }
+    // "08:01 12345": device and inode as the kernel prints them in lists of mappings. The device
+    // need not be the one of stat: some file systems have one of their own for every subvolume.
+    const std::string &mapsName() const { return mapsName_; }
 
 private:
     FdGuard fd_{-1};
+    std::string mapsName_;
     dev_t device_ = 0;
     ino_t inode_ = 0;
     std::string path_;

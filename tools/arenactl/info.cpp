@@ -1,5 +1,6 @@
 // arenactl info: the header, the sizes, the mutexes and who uses the file.
 #include "commands.h"
+#include "users.h"
 #include "words.h"
 
 #include <cinttypes>

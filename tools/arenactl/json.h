@@ -1,7 +1,7 @@
 // Writes JSON that is always valid.
 //
-// Names in an arena are arbitrary bytes, JSON is Unicode: bytes that are no UTF-8 are written as the
-// code points of the same numbers (\u00XX), so that no output ever fails to parse.
+// Names in an arena are arbitrary bytes, JSON is Unicode: bytes that are no UTF-8 are written as
+// the code points of the same numbers (\u00XX), so that no output ever fails to parse.
 #pragma once
 
 #include <cstdint>

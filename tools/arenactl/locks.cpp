@@ -1,20 +1,73 @@
-// arenactl locks: every file of every lock table, and who holds what of it.
+// arenactl locks: every file of every lock table, who holds what of it, and who stands in whose
+// way.
+#include "blocking.h"
 #include "commands.h"
+#include "waiters.h"
 #include "words.h"
 
+#include <algorithm>
 #include <cinttypes>
 
 namespace {
+
+std::string keyWords(const TableFile &file) {
+    return printed("0x%" PRIx64 ":0x%" PRIx64, file.word0, file.word1);
+}
+
+// The table keeps the end of a long name only.
+bool isNamed(const TableFile &file, const std::string &wanted) {
+    const std::string_view name = file.name;
+    return keyWords(file) == wanted || name.ends_with(wanted) ||
+           (name.size() == kStoredNameBytes && wanted.ends_with(name));
+}
+
+bool isShown(const TableRecord &record, const LockFilter &filter) {
+    return filter.pid == 0 || record.pid == filter.pid;
+}
+
+bool isShown(const TableFile &file, const LockFilter &filter) {
+    if (!filter.file.empty() && !isNamed(file, filter.file)) return false;
+    return filter.pid == 0 ||
+           std::any_of(file.records.begin(), file.records.end(),
+                       [&](const TableRecord &record) { return isShown(record, filter); });
+}
+
+std::string holderOf(const TableRecord &record) {
+    return printed("process %" PRIu32 " owner %" PRIu32 " handle %" PRIu32, record.pid,
+                   record.owner, record.handle);
+}
+
+std::string obstaclesText(const TableFile &file, const LockFilter &filter) {
+    std::string text;
+    for (const Obstacle &obstacle : obstaclesIn(file)) {
+        if (!isShown(*obstacle.record, filter)) continue;
+        const bool isOpen = obstacle.record->isOpen;
+        text += "    " + holderOf(*obstacle.record) + " stops " + joined(obstacle.stops) +
+                (isOpen ? "" : ", " + rangeWords(*obstacle.record));
+        for (const TableRecord *other : obstacle.affected)
+            text += (other == obstacle.affected.front() ? " by " : ", ") + holderOf(*other);
+        text += "\n";
+    }
+    return text;
+}
+
+std::string waitersText(const std::vector<uint32_t> &pids) {
+    std::string text;
+    for (const uint32_t pid : pids)
+        text += printed("  process %" PRIu32 " waits for the mutex\n", pid);
+    return text;
+}
 
 std::string limitWords(const TableFile &file) {
     return file.openLimit == 0 ? std::string() : printed(" (limit %" PRIu32 ")", file.openLimit);
 }
 
-std::string recordsText(const TableFile &file, Processes &processes) {
+std::string recordsText(const TableFile &file, const LockFilter &filter, Processes &processes) {
     Columns columns;
     for (const TableRecord &record : file.records) {
+        if (!isShown(record, filter)) continue;
         columns.row({record.isOpen ? "open" : "lock", printed("process %" PRIu32, record.pid),
-                     lifeWords(processes.lifeOf(record.pid)),
+                     textOf(processes.lifeOf(record.pid)).words,
                      printed("owner %" PRIu32, record.owner),
                      printed("handle %" PRIu32, record.handle),
                      record.isOpen ? joined(modeWords(record.mode))
@@ -23,23 +76,26 @@ std::string recordsText(const TableFile &file, Processes &processes) {
     return columns.text(4);
 }
 
-std::string fileText(const TableFile &file, Processes &processes) {
-    return printed("  %s  key 0x%" PRIx64 ":0x%" PRIx64 ", %s%s, combined mode %s\n",
-                   quoted(file.name).c_str(), file.word0, file.word1,
-                   counted(file.opens, "open", "opens").c_str(), limitWords(file).c_str(),
-                   joined(modeWords(file.combinedMode)).c_str()) +
-           recordsText(file, processes);
+std::string fileText(const TableFile &file, const LockFilter &filter, Processes &processes) {
+    return printed("  %s  key %s, %s%s, combined mode %s\n", quoted(file.name).c_str(),
+                   keyWords(file).c_str(), counted(file.opens, "open", "opens").c_str(),
+                   limitWords(file).c_str(), joined(modeWords(file.combinedMode)).c_str()) +
+           recordsText(file, filter, processes) +
+           (filter.blocking ? obstaclesText(file, filter) : std::string());
 }
 
-std::string tableText(const LockTable &table, const MutexState &mutex, Processes &processes) {
+std::string tableText(const LockTable &table, const MutexState &mutex, const LockFilter &filter,
+                      const std::vector<uint32_t> &waiters, Processes &processes) {
     std::string text = "table " + quoted(table.name);
     if (!table.readable) return text + ": damaged, see arenactl check\n";
     text += printed(": %zu of %s, %" PRIu64 " of %s in use, mutex %s\n", table.files.size(),
                     counted(table.fileEntries, "file entry", "file entries").c_str(),
                     table.recordsInUse(), counted(table.lockRecords, "record", "records").c_str(),
                     holderWords(mutex, processes).c_str());
-    for (const TableFile &file : table.files)
-        text += fileText(file, processes);
+    text += waitersText(waiters);
+    for (const TableFile &file : table.files) {
+        if (isShown(file, filter)) text += fileText(file, filter, processes);
+    }
     return text;
 }
 
@@ -47,13 +103,17 @@ std::string hexString(uint64_t value) {
     return printed("0x%016" PRIx64, value);
 }
 
-void recordJson(const TableRecord &record, Processes &processes, JsonWriter &json) {
-    json.beginObject();
+void holderJson(const TableRecord &record, JsonWriter &json) {
     json.key("kind").string(record.isOpen ? "open" : "lock");
     json.key("pid").number(record.pid);
-    json.key("process").string(lifeName(processes.lifeOf(record.pid)));
     json.key("owner").number(record.owner);
     json.key("handle").number(record.handle);
+}
+
+void recordJson(const TableRecord &record, Processes &processes, JsonWriter &json) {
+    json.beginObject();
+    holderJson(record, json);
+    json.key("process").string(textOf(processes.lifeOf(record.pid)).name);
     json.key("mode").number(record.mode);
     json.key("modeWords").strings(record.isOpen ? modeWords(record.mode) : lockWords(record.mode));
     if (!record.isOpen) {
@@ -68,7 +128,27 @@ void recordJson(const TableRecord &record, Processes &processes, JsonWriter &jso
     json.endObject();
 }
 
-void fileJson(const TableFile &file, Processes &processes, JsonWriter &json) {
+void obstaclesJson(const TableFile &file, const LockFilter &filter, JsonWriter &json) {
+    json.key("blocking").beginArray();
+    for (const Obstacle &obstacle : obstaclesIn(file)) {
+        if (!isShown(*obstacle.record, filter)) continue;
+        json.beginObject();
+        holderJson(*obstacle.record, json);
+        json.key("stops").strings(obstacle.stops);
+        json.key("affected").beginArray();
+        for (const TableRecord *other : obstacle.affected) {
+            json.beginObject();
+            holderJson(*other, json);
+            json.endObject();
+        }
+        json.endArray();
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void fileJson(const TableFile &file, const LockFilter &filter, Processes &processes,
+              JsonWriter &json) {
     json.beginObject();
     json.key("name").string(file.name);
     // Strings, since many JSON readers lose what a double cannot hold.
@@ -79,13 +159,16 @@ void fileJson(const TableFile &file, Processes &processes, JsonWriter &json) {
     json.key("opens").number(file.opens);
     json.key("openLimit").number(file.openLimit);
     json.key("records").beginArray();
-    for (const TableRecord &record : file.records)
-        recordJson(record, processes, json);
+    for (const TableRecord &record : file.records) {
+        if (isShown(record, filter)) recordJson(record, processes, json);
+    }
     json.endArray();
+    if (filter.blocking) obstaclesJson(file, filter, json);
     json.endObject();
 }
 
-void tableJson(const LockTable &table, Processes &processes, JsonWriter &json) {
+void tableJson(const LockTable &table, const LockFilter &filter,
+               const std::vector<uint32_t> &waiters, Processes &processes, JsonWriter &json) {
     json.beginObject();
     json.key("name").string(table.name);
     json.key("offset").number(table.offset);
@@ -96,27 +179,41 @@ void tableJson(const LockTable &table, Processes &processes, JsonWriter &json) {
     json.key("freeFileEntries").number(table.freeFiles);
     json.key("lockRecords").number(table.lockRecords);
     json.key("freeLockRecords").number(table.freeRecords);
+    if (filter.blocking) {
+        json.key("waiting").beginArray();
+        for (const uint32_t pid : waiters)
+            json.number(pid);
+        json.endArray();
+    }
     json.key("files").beginArray();
-    for (const TableFile &file : table.files)
-        fileJson(file, processes, json);
+    for (const TableFile &file : table.files) {
+        if (isShown(file, filter)) fileJson(file, filter, processes, json);
+    }
     json.endArray();
     json.endObject();
 }
 
 }  // namespace
 
-std::string locksText(Examination &exam) {
+std::string locksText(Examination &exam, const LockFilter &filter) {
     if (exam.model.tables.empty()) return "no lock table in this arena\n";
+    Waiters waiters;
+    if (filter.blocking) waiters = arenaWaiters(exam.file);
     std::string text;
     // The mutexes are the header's and then the tables', in the same order.
-    for (size_t i = 0; i < exam.model.tables.size(); i++)
-        text += tableText(exam.model.tables[i], exam.model.mutexes[i + 1], exam.processes);
+    for (size_t i = 0; i < exam.model.tables.size(); i++) {
+        const MutexState &mutex = exam.model.mutexes[i + 1];
+        text +=
+            tableText(exam.model.tables[i], mutex, filter, waiters[mutex.offset], exam.processes);
+    }
     return text;
 }
 
-void locksJson(Examination &exam, JsonWriter &json) {
+void locksJson(Examination &exam, const LockFilter &filter, JsonWriter &json) {
+    Waiters waiters;
+    if (filter.blocking) waiters = arenaWaiters(exam.file);
     json.key("tables").beginArray();
     for (const LockTable &table : exam.model.tables)
-        tableJson(table, exam.processes, json);
+        tableJson(table, filter, waiters[table.offset], exam.processes, json);
     json.endArray();
 }

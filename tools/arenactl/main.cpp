@@ -1,136 +1,67 @@
-// arenactl: looks into an arena file without leaving a trace in it.
+// arenactl: looks into an arena file without leaving a trace in it, and on request puts right what
+// dead processes left there.
 //
-// The output is put together first and written in one go, so that a reader of the JSON never sees
+// An answer is put together first and written in one go, so that a reader of the JSON never sees
 // half of it because something went wrong on the way.
+#include "cleaner.h"
 #include "commands.h"
+#include "options.h"
+#include "repairer.h"
+#include "top.h"
 
 #include "iosched/sched.h"
-#include "iosched/util.h"
 
+#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <vector>
 
 namespace {
 
 constexpr int kFine = 0;
 constexpr int kUsage = 1;
-constexpr int kDefaultWaitMs = 250;
+constexpr int kWrong = 2;
 
 // "@(#)", for programs that look for identification strings, is nothing to show.
 constexpr size_t kMarkLength = 4;
 
 constexpr const char *kHelp =
-    "usage: arenactl [--json] [-w MS] info|chunks|locks|check ARENA\n"
+    "usage: arenactl [OPTION...] info|chunks|locks|check|top ARENA\n"
+    "       arenactl [OPTION...] repair ARENA [TABLE...]\n"
+    "       arenactl [OPTION...] clean ARENA [PID...]\n"
     "\n"
     "  info    header, sizes, mutexes, and the processes that use the file\n"
     "  chunks  what the heap is divided into: name, size, references, place; free space\n"
     "  locks   every file of every lock table, with each open and range lock and its holder\n"
     "  check   everything that is wrong with the arena, where, and whose mutex is held\n"
+    "  top     the most important figures, once a second\n"
+    "  repair  frees the mutexes of processes that died in them, and repairs what these guard;\n"
+    "          gives up each TABLE whose creator died before it was ready\n"
+    "  clean   removes the records of processes that have ended, of all or of each PID\n"
     "\n"
-    "  -j, --json     one JSON object instead of text\n"
-    "  -w MS          wait at most so many milliseconds for a quiet moment (250); when none\n"
-    "                 comes, the copy is a best effort and labelled so\n"
+    "  -j, --json     one JSON object instead of text (not of top)\n"
+    "  -w MS          wait at most so many milliseconds for a quiet moment, or for a mutex (250);\n"
+    "                 when no quiet moment comes, the copy is a best effort and labelled so\n"
+    "  --file NAME    locks: only the file of this name, end of a name, or key\n"
+    "  --pid PID      locks: only what this process holds\n"
+    "  --blocking     locks: also who stands in whose way, and who waits for a mutex\n"
+    "  --dry-run      repair: change nothing, say what would be done\n"
+    "  -n LOOKS       top: end after so many\n"
     "  -h, --help     this text\n"
     "  -V, --version  the version of the library\n"
     "\n"
     "Looking never writes to the arena and takes none of its locks.\n"
     "Exit status: 0 fine, 1 usage or the file cannot be read, 2 something is wrong with the "
-    "arena.\n";
-
-struct Options {
-    bool json = false;
-    bool help = false;
-    bool version = false;
-    int waitMs = kDefaultWaitMs;
-    std::vector<const char *> operands;
-};
-
-bool parseWait(const char *text, int *waitMs) {
-    char *end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value < 0 || value > 3600000) {
-        (void)std::fprintf(stderr, "arenactl: -w takes milliseconds from 0 to 3600000, not %s\n",
-                           text);
-        return false;
-    }
-    *waitMs = static_cast<int>(value);
-    return true;
-}
-
-// The parser knows single letters only; a word after "--" reaches us as the argument of '-'.
-bool takeLongOption(std::string_view word, Options *options) {
-    if (word == "json")
-        options->json = true;
-    else if (word == "help")
-        options->help = true;
-    else if (word == "version")
-        options->version = true;
-    else {
-        (void)std::fprintf(stderr, "arenactl: there is no option --%s\n",
-                           std::string(word).c_str());
-        return false;
-    }
-    return true;
-}
-
-bool takeOption(int letter, Options *options) {
-    switch (letter) {
-    case 'j':
-        options->json = true;
-        return true;
-    case 'h':
-        options->help = true;
-        return true;
-    case 'V':
-        options->version = true;
-        return true;
-    case 'w':
-        return parseWait(ZORoptarg, &options->waitMs);
-    case '-':
-        return takeLongOption(ZORoptarg, options);
-    default:
-        return false;  // the parser has said why
-    }
-}
-
-// Options may stand before, between and behind the operands; "--" ends them.
-bool parseOptions(int argc, char **argv, Options *options) {
-    while (ZORoptind < argc) {
-        int letter;
-        while ((letter = ZORgetopt(argc, argv, "-:jhVw:")) != -1) {
-            if (!takeOption(letter, options)) return false;
-        }
-        const bool ended = std::strcmp(argv[ZORoptind - 1], "--") == 0;
-        do {
-            if (ZORoptind < argc) options->operands.push_back(argv[ZORoptind++]);
-        } while (ended && ZORoptind < argc);
-        ZORoptreset = 1;  // or it would take the moved index for an option group to go on with
-    }
-    return true;
-}
-
-bool findCommand(std::string_view word, Command *command) {
-    static constexpr struct {
-        std::string_view word;
-        Command command;
-    } kCommands[] = {{"info", Command::kInfo},
-                     {"chunks", Command::kChunks},
-                     {"locks", Command::kLocks},
-                     {"check", Command::kCheck}};
-    for (const auto &known : kCommands) {
-        if (known.word != word) continue;
-        *command = known.command;
-        return true;
-    }
-    return false;
-}
+    "arena\n"
+    "or was refused.\n";
 
 int usageError(const char *message) {
     (void)std::fprintf(stderr, "arenactl: %s\narenactl --help tells how it is used\n", message);
+    return kUsage;
+}
+
+int failed(const std::string &reason) {
+    (void)std::fprintf(stderr, "arenactl: %s\n", reason.c_str());
     return kUsage;
 }
 
@@ -138,8 +69,47 @@ int usageError(const char *message) {
 int print(const std::string &text, int status) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
         return status;
-    (void)std::fprintf(stderr, "arenactl: writing the answer: %s\n", std::strerror(errno));
-    return kUsage;
+    return failed(std::string("writing the answer: ") + std::strerror(errno));
+}
+
+int look(Command command, const Options &options) {
+    Examination exam;
+    std::string text;
+    if (!examineArena(options.operands[1], options.waitMs, &exam, &text)) return failed(text);
+    const LockFilter filter{options.file, options.pid, options.blocking};
+    const int status = runCommand(command, options.json, exam, &text, filter);
+    return print(text, status);
+}
+
+int printReport(const RepairReport &report, const Options &options) {
+    return print(options.json ? report.json() : report.text(), report.isRefused() ? kWrong : kFine);
+}
+
+int repair(const Options &options) {
+    RepairOptions wanted{options.waitMs, options.dryRun, {}};
+    wanted.abandoned.assign(options.operands.begin() + 2, options.operands.end());
+    RepairReport report;
+    std::string error;
+    if (!repairArena(options.operands[1], wanted, &report, &error)) return failed(error);
+    return printReport(report, options);
+}
+
+int clean(const Options &options) {
+    CleanOptions wanted{options.waitMs, {}};
+    for (size_t i = 2; i < options.operands.size(); i++) {
+        uint32_t pid = 0;
+        if (!parseNumber("a process id", options.operands[i], &pid)) return kUsage;
+        wanted.pids.insert(pid);
+    }
+    RepairReport report;
+    std::string error;
+    if (!cleanArena(options.operands[1], wanted, &report, &error)) return failed(error);
+    return printReport(report, options);
+}
+
+int top(const Options &options) {
+    std::string error;
+    return watchArena(options.operands[1], options.looks, &error) ? kFine : failed(error);
 }
 
 }  // namespace
@@ -149,16 +119,15 @@ int main(int argc, char **argv) {
     if (!parseOptions(argc, argv, &options)) return usageError("that was not understood");
     if (options.help) return print(kHelp, kFine);
     if (options.version) return print(std::string(iosched_version + kMarkLength) + "\n", kFine);
-    if (options.operands.size() != 2) return usageError("give a command and the path of an arena");
-    Command command;
-    if (!findCommand(options.operands[0], &command))
-        return usageError("the commands are info, chunks, locks and check");
-    Examination exam;
-    std::string text;
-    if (!examineArena(options.operands[1], options.waitMs, &exam, &text)) {
-        (void)std::fprintf(stderr, "arenactl: %s\n", text.c_str());
-        return kUsage;
-    }
-    const int status = runCommand(command, options.json, exam, &text);
-    return print(text, status);
+    if (options.operands.size() < 2) return usageError("give a command and the path of an arena");
+    const std::string_view word = options.operands[0];
+    if (word == "repair") return repair(options);
+    if (word == "clean") return clean(options);
+    if (options.operands.size() > 2) return usageError("one arena at a time");
+    if (word == "top") return top(options);
+    if (word == "info") return look(Command::kInfo, options);
+    if (word == "chunks") return look(Command::kChunks, options);
+    if (word == "locks") return look(Command::kLocks, options);
+    if (word == "check") return look(Command::kCheck, options);
+    return usageError("the commands are info, chunks, locks, check, top, repair and clean");
 }

@@ -1,13 +1,10 @@
-// What the system knows about processes: who uses the arena, and whether a process id in it still
-// means anything.
+// What the system knows about processes: whether a process id in the arena still means anything.
 #pragma once
 
 #include "image.h"
 
 #include <cstdint>
-#include <string>
 #include <unordered_map>
-#include <vector>
 
 enum class Life {
     kAlive,     // runs, and has the arena open or mapped, or nobody may look
@@ -16,13 +13,11 @@ enum class Life {
     kDead,      // there is no such process
 };
 
-// "alive", "ended, not reaped", ...
-const char *lifeWords(Life life);
-// "alive", "stranger", "zombie", "dead": for programs.
-const char *lifeName(Life life);
-inline bool hasEnded(Life life) {
-    return life != Life::kAlive;
-}
+struct LifeText {
+    const char *name;   // for programs: "alive", "stranger", "zombie", "dead"
+    const char *words;  // for people
+};
+const LifeText &textOf(Life life);
 
 // Answers are kept, so that a table with a thousand records of one process asks once.
 class Processes {
@@ -30,21 +25,25 @@ public:
     explicit Processes(const ArenaFile &file) : file_(file) {}
     Life lifeOf(uint32_t pid);
 
-private:
-    Life look(uint32_t pid) const;
-    bool usesArena(uint32_t pid) const;
+    // Whether a mutex's holder, known by its thread id, can still release it. Asks anew every time.
+    // Only who maps the arena can: a stranger here may have the file open.
+    Life holderLife(uint32_t thread) const;
 
+    // Without a look at the arena, so that a stranger is alive.
+    static Life bareLife(uint32_t pid);
+
+private:
     const ArenaFile &file_;
     std::unordered_map<uint32_t, Life> known_;
 };
 
-struct ArenaUser {
-    uint32_t pid;
-    std::string command;
-    std::string lock;  // "shared", "exclusive", "waits for exclusive", ...; empty for none
-    bool hasOpen;      // seen among its descriptors; needs the right to look
-};
+// No such process, or one that only waits for its parent: its records are nobody's. A stranger's
+// may be its own: it has closed the arena, or is just starting another program in its place.
+inline bool hasEnded(Life life) {
+    return life == Life::kZombie || life == Life::kDead;
+}
 
-// Who holds the file's lock or has it open, by process id. A process of another user may show only
-// by its lock, a child that inherited the descriptor only by that.
-std::vector<ArenaUser> arenaUsers(const ArenaFile &file);
+// Likewise a mutex: whoever does not map the arena does not hold it.
+inline bool cannotHold(Life life) {
+    return life != Life::kAlive;
+}

@@ -45,43 +45,43 @@ size_t countSure(const Examination &exam) {
         list.begin(), list.end(), [](const Finding &finding) { return !finding.unsure; }));
 }
 
-std::string answerText(Command command, Examination &exam) {
+std::string answerText(Command command, Examination &exam, const LockFilter &filter) {
     switch (command) {
     case Command::kInfo:
         return infoText(exam);
     case Command::kChunks:
         return chunksText(exam);
     case Command::kLocks:
-        return locksText(exam);
+        return locksText(exam, filter);
     case Command::kCheck:
         break;
     }
     return {};
 }
 
-void answerJson(Command command, Examination &exam, JsonWriter &json) {
+void answerJson(Command command, Examination &exam, const LockFilter &filter, JsonWriter &json) {
     switch (command) {
     case Command::kInfo:
         return infoJson(exam, json);
     case Command::kChunks:
         return chunksJson(exam, json);
     case Command::kLocks:
-        return locksJson(exam, json);
+        return locksJson(exam, filter, json);
     case Command::kCheck:
         return;
     }
 }
 
-std::string wholeText(Command command, Examination &exam) {
+std::string wholeText(Command command, Examination &exam, const LockFilter &filter) {
     const std::string title = "arena " + quoted(exam.file.path()) + "\n" + copyWords(exam);
     if (command == Command::kCheck || !exam.model.isArena) return title + checkText(exam);
-    std::string text = title + answerText(command, exam);
+    std::string text = title + answerText(command, exam, filter);
     if (const size_t sure = countSure(exam))
         text += counted(sure, "thing is", "things are") + " wrong; arenactl check lists them\n";
     return text;
 }
 
-std::string wholeJson(Command command, Examination &exam) {
+std::string wholeJson(Command command, Examination &exam, const LockFilter &filter) {
     JsonWriter json;
     json.beginObject();
     json.key("arena").string(exam.file.path());
@@ -89,7 +89,7 @@ std::string wholeJson(Command command, Examination &exam) {
     json.key("copy").string(exam.exact ? "exact" : "best-effort");
     json.key("copyReason").string(exam.exact ? "" : exam.whyNot);
     mutexesJson(exam, json);
-    answerJson(command, exam, json);
+    answerJson(command, exam, filter, json);
     json.key("findings").beginArray();
     for (const Finding &finding : exam.model.findings.list())
         findingJson(exam, finding, json);
@@ -125,9 +125,12 @@ void freeSpaceJson(const FreeSpace &space, JsonWriter &json) {
 std::string holderWords(const MutexState &mutex, Processes &processes) {
     if (!mutex.held()) return "free";
     if (mutex.process() == 0) return "held by a process that has not recorded itself yet";
-    const char *const source = mutex.holder == 0 ? ", as the mutex itself records" : "";
-    return printed("held by process %" PRIu32 " (%s%s)", mutex.process(),
-                   lifeWords(processes.lifeOf(mutex.process())), source);
+    const uint32_t pid = mutex.process();
+    const std::string other = mutex.holder == 0 || mutex.holder == pid
+                                  ? std::string()
+                                  : printed(", recorded as %" PRIu32, mutex.holder);
+    return printed("held by process %" PRIu32 " (%s%s)", pid,
+                   textOf(processes.holderLife(pid)).words, other.c_str());
 }
 
 void mutexesJson(Examination &exam, JsonWriter &json) {
@@ -141,7 +144,7 @@ void mutexesJson(Examination &exam, JsonWriter &json) {
         json.key("owner").number(mutex.owner);
         json.key("process");
         if (mutex.held())
-            json.string(lifeName(exam.processes.lifeOf(mutex.process())));
+            json.string(textOf(exam.processes.holderLife(mutex.process())).name);
         else
             json.null();
         json.endObject();
@@ -171,7 +174,8 @@ std::string checkText(Examination &exam) {
                           counted(exam.model.tables.size(), "lock table", "lock tables").c_str());
 }
 
-int runCommand(Command command, bool asJson, Examination &exam, std::string *output) {
-    *output = asJson ? wholeJson(command, exam) : wholeText(command, exam);
+int runCommand(Command command, bool asJson, Examination &exam, std::string *output,
+               const LockFilter &filter) {
+    *output = asJson ? wholeJson(command, exam, filter) : wholeText(command, exam, filter);
     return exam.damaged() ? 2 : 0;
 }

@@ -35,6 +35,16 @@ struct Places {
     uint64_t end() const { return firstRecord() + records * kRecordBytes; }
 };
 
+// A list in words, which are only made for a finding: tables have many lists.
+struct ListName {
+    const char *words;
+    uint64_t number = kNobody;  // goes behind the words
+
+    std::string text() const {
+        return number == kNobody ? std::string(words) : printed("%s %" PRIu64, words, number);
+    }
+};
+
 // The slots of one kind: where they lie and which of them a list has already claimed.
 struct Slots {
     uint64_t first;
@@ -149,15 +159,15 @@ public:
 
     void read() {
         table_->freeFiles = walk(places_.base + offsetof(SharedFileLockHeader, freeEntries), files_,
-                                 "free file-entry list", [](uint64_t) {});
+                                 {"free file-entry list"}, [](uint64_t) {});
         table_->freeRecords = walk(places_.base + offsetof(SharedFileLockHeader, freeRecords),
-                                   records_, "free lock-record list", [](uint64_t) {});
+                                   records_, {"free lock-record list"}, [](uint64_t) {});
         for (uint32_t i = 0; i < places_.buckets; i++) {
-            walk(places_.bucketHead(i), files_, printed("bucket %" PRIu32, i),
+            walk(places_.bucketHead(i), files_, {"bucket", i},
                  [&](uint64_t offset) { readFile(offset, i); });
         }
-        checkLost(files_);
-        checkLost(records_);
+        table_->lostFiles = checkLost(files_);
+        table_->lostRecords = checkLost(records_);
         checkKeys();
     }
 
@@ -172,9 +182,11 @@ private:
     }
 
     // Walks a circular list from its head, claims its slots and calls visit with each. Returns how
-    // many there are. Ends at the first link that leads astray or to a slot claimed before.
+    // many there are. Ends at the first link that leads astray or to a slot claimed before: a slot
+    // on two lists is the first one's, and what the second has behind it shows as lost. Only next
+    // is followed; a prev that disagrees is a finding of its own and changes nothing else.
     template <class Visit>
-    uint64_t walk(uint64_t head, Slots &slots, const std::string &list, Visit visit) {
+    uint64_t walk(uint64_t head, Slots &slots, const ListName &list, Visit visit) {
         uint64_t count = 0;
         uint64_t at = head;
         for (;;) {
@@ -183,7 +195,7 @@ private:
             const uint64_t back = arena_.load<uint64_t>(next + offsetof(SharedLink, prev));
             if (back != at) {
                 findings_.add("back-link", next + offsetof(SharedLink, prev), 8,
-                              place(list) + (next == head ? ", the head's prev" : ", prev"),
+                              place(list.text()) + (next == head ? ", the head's prev" : ", prev"),
                               printed("leads to 0x%" PRIx64
                                       ", but the list comes here from 0x%" PRIx64,
                                       back, at));
@@ -195,16 +207,16 @@ private:
         }
     }
 
-    bool claim(uint64_t offset, uint64_t from, Slots &slots, const std::string &list) {
+    bool claim(uint64_t offset, uint64_t from, Slots &slots, const ListName &list) {
         const uint64_t slot = slots.slotAt(offset);
         if (slot == kNobody) {
             findings_.add(
-                "table-link", from, 8, place(list) + ", next",
+                "table-link", from, 8, place(list.text()) + ", next",
                 printed("leads to 0x%" PRIx64 ", where no %s begins", offset, slots.noun));
             return false;
         }
         if (slots.claimed[slot]) {
-            findings_.add("slot-twice", from, 8, place(list) + ", next",
+            findings_.add("slot-twice", from, 8, place(list.text()) + ", next",
                           printed("leads to 0x%" PRIx64 ", a %s met before: it is on two lists or "
                                   "the list runs in a circle",
                                   offset, slots.noun));
@@ -227,7 +239,7 @@ private:
                        std::string(entry.name, nameLength),
                        {}};
         walk(offset + offsetof(SharedFileEntry, records), records_,
-             printed("records of file entry %" PRIu64, files_.slotAt(offset)),
+             {"records of file entry", files_.slotAt(offset)},
              [&](uint64_t at) { readRecord(at, &file); });
         checkFile(entry, file);
         table_->files.push_back(std::move(file));
@@ -300,13 +312,14 @@ private:
     }
 
     // Slots that no list holds. One finding for each run of them: a cut list loses many.
-    void checkLost(const Slots &slots) {
+    std::vector<uint64_t> checkLost(const Slots &slots) {
+        std::vector<uint64_t> lost;
         const uint64_t total = slots.claimed.size();
         for (uint64_t slot = 0; slot < total; slot++) {
             if (slots.claimed[slot]) continue;
             const uint64_t first = slot;
-            while (slot < total && !slots.claimed[slot])
-                slot++;
+            for (; slot < total && !slots.claimed[slot]; slot++)
+                lost.push_back(slots.first + slot * slots.bytes);
             findings_.add("slot-lost", slots.first + first * slots.bytes,
                           (slot - first) * slots.bytes,
                           place(printed("%s %" PRIu64, slots.noun, first)),
@@ -314,6 +327,7 @@ private:
                                             : printed("and the %" PRIu64 " after it are on no list",
                                                       slot - first - 1));
         }
+        return lost;
     }
 
     void checkKeys() {

@@ -44,8 +44,10 @@ struct LockTable {
     uint64_t freeFiles;
     uint64_t lockRecords;
     uint64_t freeRecords;
-    std::vector<TableFile> files;  // in bucket order
-    bool readable;                 // the counts could be worked out and the lists were read
+    std::vector<TableFile> files;       // in bucket order
+    std::vector<uint64_t> lostFiles;    // offsets of the entries that are on no list
+    std::vector<uint64_t> lostRecords;  // likewise
+    bool readable;                      // the counts could be worked out and the lists were read
 
     uint64_t recordsInUse() const {
         uint64_t count = 0;

@@ -1,38 +1,20 @@
 #include "words.h"
 
+#include "mode_words.h"
+
 #include <cinttypes>
 #include <span>
 
 namespace {
 
-struct Word {
-    uint32_t bit;
-    const char *word;
-};
-
-constexpr Word kModeWords[] = {
-    {SHARED_FILE_READ, "read"},
-    {SHARED_FILE_WRITE, "write"},
-    {SHARED_FILE_DELETE, "delete"},
-    {SHARED_FILE_DENY_READ, "deny-read"},
-    {SHARED_FILE_DENY_WRITE, "deny-write"},
-    {SHARED_FILE_DENY_DELETE, "deny-delete"},
-    {SHARED_FILE_OPLOCK_EXCLUSIVE, "oplock-exclusive"},
-    {SHARED_FILE_OPLOCK_SHARED, "oplock-shared"},
-    {SHARED_FILE_OPLOCK_BATCH, "oplock-batch"},
-    {SHARED_FILE_IGNORE_OPLOCKS, "ignore-oplocks"},
-    {SHARED_FILE_OWNER_COMPAT, "owner-compat"},
-    {SHARED_FILE_OWNER_OVERRIDE, "owner-override"},
-};
-
-constexpr Word kLockWords[] = {
+constexpr BitWord kLockWords[] = {
     {SHARED_FILE_LOCK_SHARED, "shared"},
     {SHARED_FILE_LOCK_EXCLUSIVE, "exclusive"},
 };
 
-std::vector<std::string> wordsOf(uint32_t bits, std::span<const Word> names) {
+std::vector<std::string> wordsOf(uint32_t bits, std::span<const BitWord> names) {
     std::vector<std::string> words;
-    for (const Word &name : names) {
+    for (const BitWord &name : names) {
         if (bits & name.bit) words.emplace_back(name.word);
         bits &= ~name.bit;
     }

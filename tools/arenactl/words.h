@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-// The bits of an open's mode word: "read", "deny-write", ...; bits without a name as one hexadecimal
-// number at the end. Empty for 0.
+// The bits of an open's mode word: "read", "deny-write", ...; bits without a name as one
+// hexadecimal number at the end. Empty for 0.
 std::vector<std::string> modeWords(uint32_t mode);
 
 // The flags of a range lock: "shared", "exclusive", likewise.

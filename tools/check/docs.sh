@@ -1,6 +1,6 @@
 #!/bin/sh
 # Checks what documents and headers promise: links lead somewhere, every exported name is declared and
-# documented in a public header, and no mark of unfinished work is left.
+# documented in a public header and shown in an example, and no mark of unfinished work is left.
 set -eu
 cd "$(dirname "$0")/../.."
 bad=0
@@ -42,6 +42,7 @@ for name in $names; do
     # Declared by libc; nobody is meant to call them here.
     pause | sleep | usleep | popen | pclose) continue ;;
     esac
+    grep -qw "$name" examples/*.c || complain "$name appears in no program of examples/"
     line=$(grep "^$name " "$declared" || true)
     case $line in
     '') complain "src/exports.list: $name is declared in no public header" ;;

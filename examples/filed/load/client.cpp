@@ -1,5 +1,6 @@
 #include "client.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +13,13 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
+
+int64_t nowUs() {
+    timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{1000000} * now.tv_sec + now.tv_nsec / 1000;
+}
 
 namespace {
 
@@ -33,12 +41,6 @@ constexpr struct {
                {",oplock-batch", 32}};
 constexpr uint32_t kReads = 1, kWrites = 2, kDenyReads = 4, kDenyWrites = 8, kAnyOplock = 16 | 32,
                    kSoleOplock = 32;
-
-int64_t nowUs() {
-    timespec now;
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{1000000} * now.tv_sec + now.tv_nsec / 1000;
-}
 
 // The number behind a word of the line; 0 if there is none.
 int numberBehind(const std::string &line, const char *word) {
@@ -66,7 +68,7 @@ void Client::connect() {
         perror("filed-load: connect");
         exit(2);
     }
-    load_.connected++;
+    load_.sockets++;
     (void)registerOutput(fd_, onConnected, this);
 }
 
@@ -77,12 +79,19 @@ void Client::onConnected(void *arg, int fd) {
     socklen_t length = sizeof error;
     (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
     if (error != 0) {
+        if (client->load_.report.connects == 0) {
+            (void)fprintf(stderr, "filed-load: no server at 127.0.0.1:%d: %s\n", client->load_.port,
+                          strerror(error));
+            exit(2);
+        }
         client->load_.report.refusedConnects++;
         client->disconnect();
         if (!client->load_.finishing) client->connect();
         return;
     }
     client->load_.report.connects++;
+    client->load_.connected++;
+    client->connected_ = true;
     (void)registerInput(fd, onInput, client);
 }
 
@@ -98,7 +107,8 @@ void Client::disconnect() {
     skipBytes_ = 0;
     input_.clear();
     opens_.clear();
-    load_.connected--;
+    load_.sockets--;
+    if (std::exchange(connected_, false)) load_.connected--;
 }
 
 // The server process has been killed or has sent its goodbye: what it had granted is gone.
@@ -186,6 +196,11 @@ void Client::answered(const std::string &line) {
 void Client::granted(const std::string &line) {
     Witness &witness = *load_.witness;
     const Request &sent = request_;
+    if ((sent.kind == kOpen || sent.kind == kLock) && load_.killedUs != 0 &&
+        sent.sentUs > load_.killedUs) {
+        load_.worstGrantUs = std::max(load_.worstGrantUs, nowUs() - load_.killedUs);
+        load_.killedUs = 0;
+    }
     if (sent.kind == kOpen) {
         const auto handle = static_cast<uint32_t>(strtoul(line.c_str() + 3, nullptr, 10));
         // An open that joins others gets no oplock. The combined mode in the reply tells: while a

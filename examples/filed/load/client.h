@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+int64_t nowUs();  // of the monotonic clock
+
 // What the clients have in common.
 struct Load {
     int port = 7070;
@@ -16,8 +18,11 @@ struct Load {
     Report report;
     Witness *witness = nullptr;
     std::mt19937 random{1};
-    int masterPid = 0;       // as the greeting tells
-    bool finishing = false;  // no new requests
+    int masterPid = 0;     // as the greeting tells
+    int64_t killedUs = 0;  // when a worker was killed raw; 0 once a grant asked for since has come
+    int64_t worstGrantUs = 0;  // from such a kill to that grant
+    bool finishing = false;    // no new requests
+    int sockets = 0;           // connections, and attempts at one
     int connected = 0;
 };
 
@@ -30,7 +35,6 @@ public:
 
     void connect();
     void finish();  // ends the connection once nothing is under way
-    bool idle() const { return fd_ < 0; }
 
     // False when the server has given this client up, whether or not it has read so yet.
     bool stillHolds() const;
@@ -79,6 +83,7 @@ private:
     const int number_;
     int fd_ = -1;
     int workerPid_ = 0;  // 0 until greeted
+    bool connected_ = false;
     bool pending_ = false;
     size_t skipBytes_ = 0;  // of a DATA block
     std::string input_;

@@ -2,8 +2,8 @@
 //
 // It knows nothing of the server's lock table and shares no code with it. It is told of each grant
 // when the reply has arrived, and of its end before the request that gives it up is sent: what it
-// believes to be held was therefore held at the server all the time, and two conflicting beliefs are
-// a fault of the server's, whatever the order in which the replies came.
+// believes to be held was therefore held at the server all the time, and two conflicting beliefs
+// are a fault of the server's, whatever the order in which the replies came.
 //
 // The one end that nobody announces is the death of a server process, or its goodbye. So before it
 // calls a conflict a violation it asks whether the earlier holder still has its connection.

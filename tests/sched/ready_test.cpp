@@ -1,0 +1,88 @@
+#include "sched/ready_internal.h"
+#include "support/in_child.h"
+#include "support/loop.h"
+
+#include <array>
+
+namespace {
+
+using Parked = LoopTest;
+
+TEST_F(Parked, IdleDescriptorsAreParkedAndBusyOnesAreNot) {
+    parkingPolicy = Parking::kByCost;
+    std::array<TestPipe, 40> pipes;
+    for (TestPipe &pipe : pipes)
+        pipe.input();                                // once filled, ready in every pass
+    Watch file(::open("/proc/self/exe", O_RDONLY));  // always ready, and nothing for epoll
+    file.input();
+    pipes[7].fill();
+    for (int pass = 0; pass < 100; ++pass)
+        EXPECT_EQ(iosched(-1), 2);
+    EXPECT_TRUE(parking);
+    for (TestPipe &pipe : pipes)
+        pipe.fill();
+    for (int pass = 0; pass < 100; ++pass)
+        EXPECT_EQ(iosched(-1), 41);
+    EXPECT_FALSE(parking);
+    EXPECT_EQ(pipes[7].inputs, 200);
+    EXPECT_EQ(pipes[39].inputs, 100);
+}
+
+TEST_F(Parked, WhatIsClosedBehindTheLoopsBackIsNoticed) {
+    parkingPolicy = Parking::kAlways;
+    TestPipe pipe, other;
+    const int heldOpen = ::dup(pipe.fd);  // so that the file stays in the set
+    pipe.input();
+    EXPECT_EQ(iosched(0), 0);
+    EXPECT_EQ(::close(pipe.fd), 0);
+    EXPECT_EQ(iosched(60), 1);  // reported as poll reports it, and nobody called
+    EXPECT_EQ(pipe.inputs, 0);
+    EXPECT_EQ(::dup2(other.fd, pipe.fd), pipe.fd);
+    pipe.fill();  // the former file must not count any more
+    EXPECT_EQ(iosched(0), 0);
+    other.fill();
+    EXPECT_TRUE(runUntil([&] { return pipe.inputs > 0; }));
+    (void)::close(heldOpen);
+}
+
+// Room for the self-pipe, then for the signalfd too; the set of parked ones always comes too late.
+TEST(ParkedNowhere, WithoutASetTheLoopPolls) {
+    for (const rlim_t room : {2U, 3U}) {
+        EXPECT_CHILD_OK([=] {
+            parkingPolicy = Parking::kAlways;
+            static int signals = 0;
+            TestPipe pipe;
+            const DescriptorLimit limit(lowestFreeDescriptor() + room);
+            startLibrary();
+            pipe.input([&] { pipe.drain(); });
+            (void)catchSignal(SIGUSR1, [](int) { ++signals; });
+            pipe.fill();
+            ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
+            EXPECT_EQ(iosched(-1), 2);
+            EXPECT_EQ(pipe.inputs + signals, 2);
+            EXPECT_EQ(msleep(1), 0);
+            EXPECT_FALSE(parking);
+        });
+    }
+}
+
+// poll goes on when the process was stopped in it. A stop signal needs a process group of its own.
+TEST(ParkedWait, OutlivesAStop) {
+    TestPipe pipe;
+    const pid_t loop = ::fork();
+    if (loop == 0) {
+        (void)::setpgid(0, 0);
+        startLibrary();
+        pipe.input();
+        ::_exit(iosched(-1) == 1 && pipe.inputs == 1 ? 0 : 1);
+    }
+    for (const auto &[state, sig] : {std::pair{'S', SIGTSTP}, {'T', SIGCONT}}) {
+        awaitState(loop, state);
+        ASSERT_EQ(::kill(loop, sig), 0);
+    }
+    awaitState(loop, 'S');
+    pipe.fill();
+    EXPECT_EQ(waitForChild(loop), 0);
+}
+
+}  // namespace
