@@ -10,7 +10,8 @@ export LC_ALL
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/iosched-programs.XXXXXX")
 server=
 skeleton=
-trap 'rm -rf "$scratch"; for left in $server $skeleton; do kill "$left" 2>/dev/null || :; done' EXIT
+# shellcheck disable=SC2086  # none to two process ids
+trap 'rm -rf "$scratch"; [ -z "$server$skeleton" ] || kill $server $skeleton 2>/dev/null' EXIT
 fail() {
     echo "programs.sh: $*" >&2
     exit 1
