@@ -1,11 +1,18 @@
-#include "aio/request.h"
+// Asynchronous requests: scripts on two connections, and much data through a child and back.
+#include "aio/aio_internal.h"
+#include "iosched/aio.h"
 #include "support/alloc_wrap.h"
+#include "support/loop.h"
 
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
+#include <cstring>
+#include <map>
 #include <memory>
+#include <random>
+#include <sstream>
 #include <sys/socket.h>
+#include <vector>
 
 extern "C" {
 ssize_t __real_read(int fd, void *buffer, size_t length);
@@ -16,11 +23,134 @@ namespace {
 
 bool interruptNextRead = false;
 
-class Aio : public LoopTest {
-protected:
-    AIOPipeEnds pipe;
-    char bytes[64] = {};
+// A request with a function object as its completion function.
+struct TestRequest : AIORequest {
+    TestRequest(int descriptor, void *bytes, size_t count, std::function<int()> action = {})
+        : AIORequest{descriptor, bytes, count, done, this, -7, -7}, onDone(std::move(action)) {}
+    static int done(AIORequest *request) {
+        const auto *self = static_cast<TestRequest *>(request);
+        EXPECT_EQ(self->userData, self);
+        return self->onDone ? self->onDone() : 0;
+    }
+
+    std::function<int()> onDone;
 };
+
+// The number of records, once the list has been found sound in both directions.
+int lengthOf(const ListLink &head) {
+    int length = 0;
+    for (const ListLink *link = head.next; link != &head; link = link->next, ++length)
+        EXPECT_EQ(link->next->prev, link);
+    EXPECT_EQ(head.next->prev, &head);
+    return length;
+}
+
+// Plays a script with requests a, b, ... and the connections 1 and 2 (0: no descriptor). Its words:
+//     ra1  start reading at most 2 bytes of 1   wb2  start writing 3 bytes to 2
+//     ca   cancel the read of a                 xb   cancel the write of b
+//     +1   a byte comes: 'a', 'b', ...          k1   the other end is closed
+//     i1   the program watches 1, and takes     n1   nobody watches 1
+//          a byte of each connection if called  e    the next read is interrupted
+//     .    a pass                               s    the library is ended and started again
+//     fa   a is freed                           =    a completion ends: go on with the request
+// A completion of a plays the next script of its own. What is logged: completions as "a:" with the
+// bytes read, their number if written, or "!" and the error; starts that fail as "!" and the error;
+// calls of the program as "1"; after each pass the number of active requests, as "/1".
+class Requests {
+public:
+    explicit Requests(const char *onDone) : onDone_(onDone) {
+        for (int *ends : {ends_[1], ends_[2]})
+            EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    }
+    ~Requests() {
+        for (int *ends : {ends_[1], ends_[2]}) {
+            (void)registerInput(ends[0], nullptr, nullptr);
+            (void)registerOutput(ends[0], nullptr, nullptr);
+            for (int end : {0, 1})
+                ::close(ends[end]);
+        }
+    }
+    Requests(const Requests &) = delete;
+    Requests &operator=(const Requests &) = delete;
+    std::string played(const char *script) {
+        (void)play(script);
+        return log_;
+    }
+
+private:
+    TestRequest &request(char name) {
+        auto &made = requests_[name];
+        if (made == nullptr)
+            made =
+                std::make_unique<TestRequest>(-1, buffers_[0], 0, [=, this] { return done(name); });
+        return *made;
+    }
+    bool play(const std::string &script) {
+        std::istringstream words(script);
+        std::string word;
+        while (words >> word && word != "=")
+            step(word[0], word[1], word.back() - '0');
+        return word == "=";
+    }
+    void step(char verb, char name, int place) {
+        const int *ends = ends_[place < 0 || place > 2 ? 0 : place];
+        // clang-format off
+        switch (verb) {
+        case 'r': return start(AIORead, name, ends[0], 2);
+        case 'w': return start(AIOWrite, name, ends[0], 3);
+        case 'c': return AIOCancelRead(&request(name));
+        case 'x': return AIOCancelWrite(&request(name));
+        case '+': return (void)!::write(ends[1], &bytes_[next_++], 1);
+        case 'k': return (void)::shutdown(ends[1], SHUT_RDWR);
+        case 'i': return (void)registerInput(ends[0], programCalled, this);
+        case 'n': return (void)registerInput(ends[0], nullptr, nullptr);
+        case 'e': interruptNextRead = true; return;
+        case 's': return ExitSched() == 0 ? startLibrary() : std::abort();
+        case 'f': return (void)requests_.erase(name);
+        default: log_ += "/" + std::to_string((iosched(0), lengthOf(aioQueueHead))) + " ";
+        }
+        // clang-format on
+    }
+    void start(int (*function)(AIORequest *), char name, int fd, size_t length) {
+        TestRequest &started = request(name);
+        started.fd = fd;
+        started.length = length;
+        errno = 0;
+        if (function(&started) != 0) log_ += "!" + std::to_string(errno) + " ";
+    }
+    int done(char name) {
+        TestRequest &finished = request(name);
+        const bool isRead = finished.length == 2;
+        const auto count = static_cast<size_t>(finished.transferred);
+        const char *bytes = static_cast<char *>(finished.buffer);
+        log_ += std::string(1, name) + ":";
+        log_ += finished.error != 0 ? "!" + std::to_string(finished.error)
+                : isRead            ? std::string(bytes, count)
+                                    : std::to_string(count);
+        log_ += " ";
+        finished.buffer = buffers_[bytes == buffers_[0]];  // for the next transfer
+        std::string script;
+        if (name == 'a') std::getline(onDone_, script, '|');
+        return play(script) ? 1 : 0;
+    }
+    static void programCalled(void *self, int fd) {
+        auto *requests = static_cast<Requests *>(self);
+        char byte;
+        requests->log_ += fd == requests->ends_[1][0] ? "1 " : "2 ";
+        for (const int *ends : {requests->ends_[1], requests->ends_[2]})
+            (void)!::read(ends[0], &byte, 1);
+    }
+
+    std::istringstream onDone_;
+    std::string log_;
+    const char bytes_[5] = "abcd";
+    int next_ = 0;
+    char buffers_[2][4] = {};
+    int ends_[3][2] = {{-1, -1}, {-1, -1}, {-1, -1}};
+    std::map<char, std::unique_ptr<TestRequest>> requests_;
+};
+
+using Aio = LoopTest;
 
 }  // namespace
 
@@ -30,274 +160,118 @@ ssize_t __wrap_read(int fd, void *buffer, size_t length) {
     return -1;
 }
 
-TEST_F(Aio, PipeEndsBlockUnlessAskedOtherwise) {
-    for (int flags = 0; flags <= 3; ++flags) {
-        const AIOPipeEnds ends(flags);
-        EXPECT_EQ(::fcntl(ends.readFd, F_GETFL) & O_NONBLOCK, flags & 1 ? O_NONBLOCK : 0);
-        EXPECT_EQ(::fcntl(ends.writeFd, F_GETFL) & O_NONBLOCK, flags & 2 ? O_NONBLOCK : 0);
-    }
-    const DescriptorLimit none(lowestFreeDescriptor());
-    int readFd = 7, writeFd = 7;
-    EXPECT_EQ(AIOPipe(&readFd, &writeFd, 3), -1);
-    EXPECT_EQ(errno, EMFILE);
-    EXPECT_TRUE(readFd == -1 && writeFd == -1);
-}
-
-TEST_F(Aio, OneTransferPerReadinessWithTheBufferOfTheMoment) {
-    TestRequest request(pipe.readFd, bytes, 2);
-    request.onDone = [&] {
-        request.buffer = static_cast<char *>(request.buffer) + request.transferred;
-        return request.transferred;
-    };
-    ASSERT_EQ(AIORead(&request), 0);
-    EXPECT_EQ(iosched(0), 0);
-    pipe.put("abcde");
-    for (int pass = 1; pass <= 3; ++pass) {
-        EXPECT_EQ(iosched(0), 1);
-        EXPECT_EQ(request.calls, pass);
-    }
-    EXPECT_EQ(request.transferred, 1);
-    EXPECT_STREQ(bytes, "abcde");
-    pipe.closeWriteEnd();
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(request.transferred == 0 && request.error == 0) << "end of file";
-    EXPECT_EQ(iosched(0), 0) << "no longer watched";
-    EXPECT_EQ(activeRecords(), 0);
-}
-
-TEST_F(Aio, TransferThatFailsIsReported) {
+TEST_F(Aio, RequestsAreServedWhateverTheirCompletionsDo) {
     (void)catchSignal(SIGPIPE, SIG_IGN);
-    const AIOPipeEnds other;
-    TestRequest write(pipe.writeFd, bytes, 8);
-    pipe.closeReadEnd();
-    ASSERT_EQ(AIOWrite(&write), 0);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(write.transferred == 0 && write.error == EPIPE);
-
-    TestRequest read(other.readFd, bytes, 8);
-    read.onDone = [&] { return read.calls < 2; };  // whether to go on is its own affair
-    ASSERT_EQ(AIORead(&read), 0);
-    other.put("x");
-    interruptNextRead = true;
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(read.transferred == 0 && read.error == EINTR);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(read.transferred == 1 && read.error == 0);
-    EXPECT_EQ(activeRecords(), 0);
-}
-
-TEST_F(Aio, DataThatAnotherCallbackHasTakenIsNoTransfer) {
-    AIOPipeEnds later;
-    ASSERT_LT(pipe.readFd, later.readFd);  // the lower descriptor is served first
-    TestRequest request(later.readFd, bytes, 8);
-    Watch thief(pipe.readFd);
-    thief.input([&] {
-        EXPECT_EQ(::read(pipe.readFd, bytes, 1), 1);
-        EXPECT_EQ(::read(later.readFd, bytes, 1), 1);
-    });
-    ASSERT_EQ(AIORead(&request), 0);
-    pipe.put("x");
-    later.put("x");
-    EXPECT_EQ(iosched(0), 2);
-    EXPECT_EQ(thief.inputs, 1);
-    EXPECT_EQ(request.calls, 0);
-    later.put("y");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(request.calls, 1) << "still waiting";
-}
-
-TEST_F(Aio, CompletionMayCancelAndFreeItsRequest) {
-    for (const int result : {0, 1}) {
-        auto *request = new TestRequest(pipe.readFd, bytes, 1);
-        request->userData = bytes + result;
-        request->callback = [](AIORequest *done) {
-            const std::unique_ptr<TestRequest> owner(static_cast<TestRequest *>(done));
-            AIOCancelRead(done);
-            return static_cast<char *>(done->buffer) == done->userData ? 0 : 1;
-        };
-        ASSERT_EQ(AIORead(request), 0);
-        const AIOData *record = findAIODataForRead(request);
-        const uint32_t generation = record->generation;
-        pipe.put("xx");
-        EXPECT_EQ(iosched(0), 1);
-        EXPECT_EQ(iosched(0), 0) << "no longer watched, with a byte still in the pipe";
-        EXPECT_EQ(record->generation, generation + 1) << "released once";
-        EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
-        EXPECT_EQ(::read(pipe.readFd, bytes, sizeof bytes), 1);
+    const struct {
+        const char *script, *onDone, *log;
+    } kRows[] = {
+        // One transfer for each time that it is ready, with the buffer of the moment, to the end.
+        {"ra1 . +1 +1 +1 . . k1 . .", "=|=", "/1 a:ab /1 a:c /1 a: /0 /0 "},
+        {"wb1 ra1 . . +1 . .", "", "b:3 /1 /1 a:a /0 /0 "},
+        {"ra1 wb1 . +1 wb1 xa xb .", "", "b:3 /1 a:a /0 "},
+        // A transfer that fails is told; whether to go on is the completion's affair.
+        {"k1 wa1 . .", "", "a:!32 /0 /0 "},
+        {"ra1 +1 e . . .", "=", "a:!4 /1 a:a /0 /0 "},
+        // What somebody else has taken is no transfer.
+        {"i1 ra2 +1 +2 . +2 .", "", "1 /1 a:c /0 "},
+        // Completions cancel, free, restart, run passes, and are not entered again.
+        {"ra1 +1 . +1 .", "ca fa", "a:a /0 /0 "},
+        {"ra1 +1 . +1 .", "ca fa =", "a:a /0 /0 "},
+        {"ra1 +1 . +1 . +1 . .", "ca ra1|ca rb1", "a:a /1 a:b /1 b:c /0 /0 "},
+        {"ra1 +1 . .", "+1 . =|.", "a:a /1 /1 a:b /1 /0 "},
+        // Moved elsewhere it stays there.
+        {"ra1 +1 . +1 . +2 . +2 .", "n1 ra2|n1", "a:a /1 /1 a:c /0 /0 "},
+        // One that has lost its place is idle: it may start, and cancelling leaves the place alone.
+        {"ra1 +1 . +1 . rb1 .", "rb1", "a:a /1 /1 b:b /0 "},
+        {"rb1 i1 rb1 ra1 cb ra1 +1 . .", "", "!114 a:a /0 /0 "},
+        {"i1 ca xa +1 . ra1 +1 . i1 ca +1 .", "", "1 /0 a:b /0 1 /0 "},
+        // An active one is refused; one that cannot start leaves nothing; a new start keeps it.
+        {"ra1 ra1 wb1 wb1 +1 .", "", "!114 !114 a:a b:3 /0 "},
+        {"ra0 wa0 .", "", "!22 !22 /0 "},
+        {"ra1 s . +1 . .", "", "/1 a:a /0 /0 "},
+    };
+    for (const auto &row : kRows) {
+        EXPECT_EQ(Requests(row.onDone).played(row.script), row.log)
+            << row.script << " / " << row.onDone;
     }
-}
-
-// A request whose place is gone, or somebody else's, is not active: it may be started again, and
-// cancelling it leaves that place alone.
-TEST_F(Aio, ARequestThatHasLostItsPlaceIsIdle) {
-    TestRequest other(pipe.readFd, bytes, 1);
-    TestRequest request(pipe.readFd, bytes, 1, [&] {
-        EXPECT_EQ(AIORead(&other), 0);
-        return 0;
-    });
-    ASSERT_EQ(AIORead(&request), 0);
-    pipe.put("xxx");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(iosched(0), 0) << "started without a cancel, and lost with the result of 0";
-    ASSERT_EQ(AIORead(&other), 0);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(other.calls, 1);
-
-    Watch program(pipe.readFd);
-    ASSERT_EQ(AIORead(&other), 0);
-    program.input();
-    ASSERT_EQ(AIORead(&other), 0) << "its place was the program's";
-    ASSERT_EQ(AIORead(&request), 0);
-    AIOCancelRead(&other);
-    errno = 0;
-    EXPECT_EQ(AIORead(&request), -1) << "still in its place";
-    EXPECT_EQ(errno, EALREADY);
-    EXPECT_EQ(activeRecords(), 1);
-    request.onDone = {};
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(request.calls, 2);
-    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 2 && program.inputs == 0);
-}
-
-// The record is used again there, and the callback of its old place is still to return.
-TEST_F(Aio, ARequestMovedElsewhereByItsCompletionStaysThere) {
-    const AIOPipeEnds other;
-    TestRequest request(pipe.readFd, bytes, 1);
-    request.onDone = [&] {
-        EXPECT_EQ(registerInput(pipe.readFd, nullptr, nullptr), 0);  // idle from here on
-        request.fd = other.readFd;
-        EXPECT_EQ(request.calls == 1 ? AIORead(&request) : 0, 0);
-        return 0;
-    };
-    ASSERT_EQ(AIORead(&request), 0);
-    pipe.put("xx");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(iosched(0), 0) << "the old place is empty";
-    other.put("yy");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(request.calls, 2);
-    EXPECT_EQ(iosched(0), 0);
-    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
-}
-
-// The restarted request gets the very record that has just been released.
-TEST_F(Aio, CompletionMayCancelAndRestart) {
-    TestRequest other(pipe.readFd, bytes, 1);
-    TestRequest request(pipe.readFd, bytes, 1);
-    request.onDone = [&] {
-        AIOCancelRead(&request);
-        EXPECT_EQ(AIORead(request.calls == 1 ? &request : &other), 0);
-        return 0;
-    };
-    ASSERT_EQ(AIORead(&request), 0);
-    const AIOData *record = findAIODataForRead(&request);
-    pipe.put("xxx");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(findAIODataForRead(&request), record);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(request.calls == 2 && other.calls == 1);
-    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
-}
-
-TEST_F(Aio, CompletionMayRunPassesAndIsNotEnteredAgain) {
-    TestRequest request(pipe.readFd, bytes, 1);
-    int depth = 0;
-    request.onDone = [&] {
-        EXPECT_EQ(++depth, 1);
-        (void)iosched(0);
-        --depth;
-        return request.calls < 2;
-    };
-    ASSERT_EQ(AIORead(&request), 0);
-    pipe.put("xx");
-    EXPECT_TRUE(runUntil([&] { return request.calls == 2; }));
-    EXPECT_EQ(activeRecords(), 0);
-}
-
-TEST_F(Aio, ReadAndWriteOnOneDescriptorAtOnce) {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
-    TestRequest read(ends[0], bytes, 2), write(ends[0], bytes, 3);
-    ASSERT_EQ(AIORead(&read), 0);
-    ASSERT_EQ(AIOWrite(&write), 0);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(write.calls == 1 && write.transferred == 3 && read.calls == 0);
-    ASSERT_EQ(::write(ends[1], "in", 2), 2);
-    ASSERT_EQ(AIOWrite(&write), 0);
-    AIOCancelWrite(&read);  // active, but not in this direction
-    AIOCancelWrite(&write);
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_TRUE(write.calls == 1 && read.calls == 1 && read.transferred == 2);
-}
-
-TEST_F(Aio, StartingAnActiveRequestIsRefused) {
-    TestRequest read(pipe.readFd, bytes, 1), write(pipe.writeFd, bytes, 1);
-    for (const int expected : {0, -1}) {
-        errno = 0;
-        EXPECT_EQ(AIORead(&read), expected);
-        EXPECT_EQ(errno, expected == 0 ? 0 : EALREADY);
-        errno = 0;
-        EXPECT_EQ(AIOWrite(&write), expected);
-        EXPECT_EQ(errno, expected == 0 ? 0 : EALREADY);
-    }
-    EXPECT_TRUE(runUntil([&] { return read.calls == 1; }));
-    EXPECT_TRUE(write.calls == 1 && activeRecords() == 0);
-}
-
-TEST_F(Aio, CancellingAnIdleRequestTouchesNothing) {
-    TestRequest request(pipe.readFd, bytes, 1);
-    Watch watch(pipe.readFd);
-    watch.input();
-    AIOCancelRead(&request);
-    AIOCancelWrite(&request);
-    pipe.put("x");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(watch.inputs, 1);
-    ASSERT_EQ(AIORead(&request), 0);  // takes the input over
-    EXPECT_EQ(iosched(0), 1);
-    watch.input();
-    AIOCancelRead(&request);  // finished
-    pipe.put("x");
-    EXPECT_EQ(iosched(0), 1);
-    EXPECT_EQ(watch.inputs, 2);
+    EXPECT_EQ(lengthOf(aioQueueFree), 2) << "no row needs more at a time";
 }
 
 TEST_F(Aio, RecordsArePooledAndCountTheirReleases) {
-    TestRequest read(pipe.readFd, bytes, 1), write(pipe.writeFd, bytes, 1);
+    int ends[2];
+    ASSERT_EQ(AIOPipe(&ends[0], &ends[1], 3), 0);
+    TestRequest read(ends[0], ends, 1), write(ends[1], ends, 1);
     ASSERT_EQ(AIORead(&read), 0);
     ASSERT_EQ(AIOWrite(&write), 0);
-    const AIOData *record = findAIODataForRead(&read);
+    const AIOData *record = findAIODataForRead(&read), *other = findAIODataForWrite(&write);
     const unsigned long allocations = allocationCount;
     for (uint32_t round = 0; round < 10; ++round) {
+        EXPECT_EQ(aioQueueHead.prev, round == 0 ? other : record) << "in the order of starting";
         EXPECT_EQ(record->generation, round);
         AIOCancelRead(&read);
         EXPECT_EQ(record->generation, round + 1);
-        EXPECT_TRUE(freeRecords() == 1 && !record->readRequest && !record->writeRequest);
+        EXPECT_TRUE(lengthOf(aioQueueFree) == 1 && !record->readRequest);
         ASSERT_EQ(AIORead(&read), 0);
         EXPECT_EQ(findAIODataForRead(&read), record);
     }
     EXPECT_EQ(allocationCount, allocations);
-    EXPECT_EQ(aioQueueHead.next, findAIODataForWrite(&write)) << "in the order of starting";
+    AIOCancelWrite(&write);
+    EXPECT_EQ(other->writeRequest, nullptr) << "the next user of the record may be a read";
+    for (int flags = 0; flags <= 3; ++flags) {
+        ASSERT_EQ(AIOPipe(&ends[0], &ends[1], flags), 0);
+        EXPECT_EQ(::fcntl(ends[0], F_GETFL) & O_NONBLOCK, flags & 1 ? O_NONBLOCK : 0);
+        EXPECT_EQ(::fcntl(ends[1], F_GETFL) & O_NONBLOCK, flags & 2 ? O_NONBLOCK : 0);
+    }
+    const DescriptorLimit none(lowestFreeDescriptor());
+    EXPECT_EQ(AIOPipe(&ends[0], &ends[1], 3), -1);
+    EXPECT_TRUE(errno == EMFILE && ends[0] == -1 && ends[1] == -1);
 }
 
-TEST_F(Aio, RequestThatCannotStartLeavesNothingBehind) {
-    TestRequest request(-1, bytes, 1);
-    EXPECT_EQ(AIORead(&request), -1);
-    EXPECT_EQ(errno, EINVAL);
-    errno = 0;
-    EXPECT_EQ(AIOWrite(&request), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
-}
-
-TEST_F(Aio, ActiveRequestsSurviveASecondStart) {
-    TestRequest read(pipe.readFd, bytes, 1);
+TEST_F(Aio, SixtyFourMebibytesComeBackThroughAChildWhileATimerGoesOn) {
+    constexpr size_t kBytes = size_t{64} << 20, kReadBytes = size_t{256} << 10;
+    std::vector<char> sent(kBytes), received(kBytes + kReadBytes);
+    std::minstd_rand random(7);
+    for (size_t at = 0; at < kBytes; at += 64)
+        sent[at] = static_cast<char>(random());
+    int to[2], from[2];
+    ASSERT_EQ(AIOPipe(&to[0], &to[1], AIO_PIPE_NONBLOCK_WRITE), 0);
+    ASSERT_EQ(AIOPipe(&from[0], &from[1], AIO_PIPE_NONBLOCK_READ), 0);
+    for (const int fd : {to[1], from[0]})
+        EXPECT_EQ(::fcntl(fd, F_SETFD, FD_CLOEXEC), 0);
+    SpawnOptions options{};
+    options.flags = SPAWN_STDIN | SPAWN_STDOUT;
+    options.stdinFd = to[0];
+    options.stdoutFd = from[1];
+    const ReportedChild echo(spawnProcess(&options, "cat"));
+    ::close(to[0]);
+    ::close(from[1]);
+    size_t written = 0, arrived = 0;
+    int partialWrites = 0;
+    TestRequest write(to[1], sent.data(), kBytes);
+    write.onDone = [&] {
+        EXPECT_EQ(write.error, 0);
+        written += static_cast<size_t>(write.transferred);
+        if (static_cast<size_t>(write.transferred) < write.length) ++partialWrites;
+        write.buffer = sent.data() + written;
+        write.length = kBytes - written;
+        if (written == kBytes) ::close(to[1]);  // cat sees the end of its input
+        return write.error == 0 && written < kBytes;
+    };
+    TestRequest read(from[0], received.data(), kReadBytes);
+    read.onDone = [&] {
+        EXPECT_EQ(read.error, 0);
+        arrived += static_cast<size_t>(read.transferred);
+        read.buffer = received.data() + std::min(arrived, kBytes);
+        return read.transferred != 0;
+    };
+    TestTimer tick(1, [&] { startTimer(&tick); });
+    startTimer(&tick);
+    ASSERT_EQ(AIOWrite(&write), 0);
     ASSERT_EQ(AIORead(&read), 0);
-    ASSERT_EQ(ExitSched(), 0);
-    startLibrary();
-    EXPECT_EQ(activeRecords(), 1);
-    pipe.put("x");
-    EXPECT_TRUE(runUntil([&] { return read.calls == 1; }));
-    EXPECT_TRUE(activeRecords() == 0 && freeRecords() == 1);
+    EXPECT_EQ(echo.await(), 0);
+    EXPECT_TRUE(runUntil([] { return lengthOf(aioQueueHead) == 0; }));
+    EXPECT_EQ(arrived, kBytes);
+    EXPECT_EQ(std::memcmp(sent.data(), received.data(), kBytes), 0);
+    EXPECT_GT(partialWrites, 0);
+    EXPECT_GT(tick.fired, 0);
 }
