@@ -129,8 +129,9 @@ uint32_t DestroySharedMutex(SharedMutex *mutex) {
 }
 
 int iosched_lib::initMutexes() {
+    static bool hooked = false;  // hooks outlive ExitSched
     currentPid = ::getpid();
     // Without the hook, children record this process; locking itself works all the same.
-    (void)registerFork(forkProc, nullptr);
+    hooked = hooked || registerFork(forkProc, nullptr) == 0;
     return 0;
 }

@@ -1,7 +1,6 @@
-// Storms: signals from outside at every moment, children that others wait for, everything at once,
-// and processes that come and go in an arena.
-
-#include "soak/soak.h"
+// Long runs and storms that must leave descriptors, heap and children as they were: passes, signals
+// from outside at every moment, peers lost by the thousand, children that others wait for,
+// everything at once, and processes that come and go in an arena.
 
 #include "iosched/procs.h"
 #include "iosched/sched.h"
@@ -12,12 +11,19 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <initializer_list>
+#include <malloc.h>
 #include <poll.h>
 #include <string>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -26,6 +32,57 @@ constexpr int kFiles = 8;  // that they fight for
 // Passes: the one in which something becomes ready, one that a signal ends and one that serves it,
 // and in each of them a pass inside.
 constexpr int64_t kDelayBound = 6;
+
+constexpr int kWarmUpRounds = 10;
+
+int percent = 100;  // of the rounds that an item has
+
+struct Usage {
+    int descriptors;
+    size_t heapBytes;
+    bool children;  // zombies or living ones
+};
+
+Usage usageNow() {
+    Usage usage{};
+    DIR *dir = ::opendir("/proc/self/fd");
+    while (::readdir(dir) != nullptr)
+        ++usage.descriptors;
+    ::closedir(dir);
+    usage.descriptors -= 3;  // ".", ".." and the directory
+    usage.heapBytes = ::mallinfo2().uordblks;
+    siginfo_t info;
+    usage.children = ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+    return usage;
+}
+
+// Ends the program: a round did not do what it should have done.
+[[noreturn]] void soakFailed(const char *what, int got) {
+    std::printf("%s: unexpected result %d\n", what, got);
+    std::exit(1);
+}
+
+// Plays the rounds of one item, or the share of them that the command line asks for, prints a line
+// about it, and returns whether it left nothing behind. Some rounds before the counted ones let the
+// C library and the pools take what they keep.
+bool soak(const char *name, int rounds, void (*playRound)(int round)) {
+    for (int round = 0; round < kWarmUpRounds; ++round)
+        playRound(round);
+    rounds = std::max(rounds / 100 * percent, 1);
+    const Usage before = usageNow();
+    const int64_t start = getAbsMonoTime();
+    for (int round = 0; round < rounds; ++round)
+        playRound(round);
+    const auto seconds = static_cast<double>(getAbsMonoTime() - start) / 1000;
+    const Usage after = usageNow();
+    const bool clean = after.descriptors == before.descriptors &&
+                       after.heapBytes == before.heapBytes && !after.children;
+    std::printf("%-32s %8d in %6.1f s: descriptors %d -> %d, heap %zu -> %zu, %s: %s\n", name,
+                rounds, seconds, before.descriptors, after.descriptors, before.heapBytes,
+                after.heapBytes, after.children ? "children left" : "no child left",
+                clean ? "ok" : "LEAK");
+    return clean;
+}
 
 int caught = 0, reports = 0;
 
@@ -50,6 +107,87 @@ void awaitReports(std::initializer_list<pid_t> pids, int *status) {
         if (registerChild(pid, report, status) != 0) soakFailed("registerChild", errno);
     while (reports < static_cast<int>(pids.size()))
         (void)iosched(-1);
+}
+
+int pipeEnds[2];
+
+// Keeps the pipe active: takes the byte and puts one back.
+void passOnByte(void *count, int fd) {
+    char byte = 0;
+    if (::read(fd, &byte, 1) != 1 || ::write(pipeEnds[1], &byte, 1) != 1) soakFailed("pipe", errno);
+    ++*static_cast<int *>(count);
+}
+
+void passRound(int /*round*/) {
+    static int calls;
+    calls = 0;
+    if (registerInput(pipeEnds[0], passOnByte, &calls) != 0) soakFailed("registerInput", errno);
+    const int ready = iosched(-1);
+    if (ready < 1 || calls != 1) soakFailed("iosched", ready);
+}
+
+int handled = 0;
+
+// A signal that is sent as soon as the last one has been handled, and not before 100 us, comes
+// through in the pass that finds it waiting or in the next, however much else is ready.
+void signalStormRound(int /*round*/) {
+    constexpr int kSignals = 100;
+    static int *heard = static_cast<int *>(
+        ::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    handled = *heard = reports = 0;
+    if (catchSignal(SIGUSR1, [](int) { *heard = ++handled; }) == SIG_ERR)
+        soakFailed("catchSignal", errno);
+    static int expected = 0;
+    const pid_t loop = ::getpid(), sender = ::fork();
+    for (int sent = 0; sender == 0 && sent < kSignals;) {
+        if (::kill(loop, SIGUSR1) != 0) ::_exit(1);
+        ++sent;
+        const timespec pause{0, 100000};
+        do
+            (void)::nanosleep(&pause, nullptr);
+        while (*static_cast<volatile int *>(heard) < sent);
+    }
+    if (sender == 0) ::_exit(0);
+    if (registerChild(sender, report, &expected) != 0) soakFailed("fork", errno);
+    while (reports == 0) {
+        sigset_t waiting;
+        (void)::sigpending(&waiting);
+        const int before = handled;
+        passRound(0);
+        if (sigismember(&waiting, SIGUSR1) == 0 || handled != before) continue;
+        passRound(0);
+        if (handled == before) soakFailed("signal", handled);
+    }
+    if (handled != kSignals) soakFailed("signals", handled);
+}
+
+int hangUps = 0;
+
+void countHangUp(void * /*arg*/, int fd) {
+    ++hangUps;
+    if (registerInput(fd, nullptr, nullptr) != 0 || ::close(fd) != 0) soakFailed("close", errno);
+}
+
+// As many idle connections as the system lets one process have, up to 10,000, lost at once.
+void lostPeersRound(int /*round*/) {
+    rlimit limit{};
+    (void)::getrlimit(RLIMIT_NOFILE, &limit);
+    const int pairs = static_cast<int>(std::min<rlim_t>(limit.rlim_cur - 100, 20000)) / 2;
+    std::vector<int> peers;
+    for (int i = 0; i < pairs; ++i) {
+        int ends[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) != 0 ||
+            registerInput(ends[0], countHangUp, nullptr) != 0)
+            soakFailed("socketpair", errno);
+        peers.push_back(ends[1]);
+    }
+    for (int pass = 0; pass < 100; ++pass)
+        passRound(0);
+    for (const int peer : peers)
+        (void)::close(peer);
+    hangUps = 0;
+    const int ready = iosched(-1);
+    if (ready != pairs + 1 || hangUps != pairs) soakFailed("hang-ups", hangUps);
 }
 
 // Sends SIGUSR1 to the whole process group, which it belongs to without hearing it. No child of
@@ -204,11 +342,29 @@ void arenaRound(int /*round*/) {
 
 }  // namespace
 
-bool soakStorms() {
+int main(int argc, char **argv) {
+    char msg[128];
+    if (argc > 1) percent = std::atoi(argv[1]);
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    if (InitSched(SCHED_VERSION_MAJOR, SCHED_VERSION_MINOR, msg, sizeof msg) != 0) {
+        std::printf("%s\n", msg);
+        return 1;
+    }
+    if (::pipe2(pipeEnds, O_NONBLOCK | O_CLOEXEC) != 0 || ::write(pipeEnds[1], "x", 1) != 1)
+        soakFailed("pipe2", errno);
+    rlimit limit{};
+    (void)::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 32767);
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0 || ResizeSchedTable() != 0)
+        soakFailed("limit", errno);
+    bool clean = soak("passes over an active pipe", 1000000, passRound);
+    clean = soak("signals under load", 100, signalStormRound) && clean;
+    clean = soak("thousands of peers lost at once", 10, lostPeersRound) && clean;
+    if (registerInput(pipeEnds[0], nullptr, nullptr) != 0) soakFailed("registerInput", errno);
     (void)::setpgid(0, 0);
     (void)catchSignal(SIGUSR1, [](int) { ++caught; });
     const pid_t flooder = startFlood();
-    bool clean = soak("ioFork under fire", 2000, forkRound);
+    clean = soak("ioFork under fire", 2000, forkRound) && clean;
     clean = soak("foreign reads under fire", 2000, readRound) && clean;
     (void)::kill(flooder, SIGKILL);
     const int64_t deadline = getAbsMonoTime() + 1000;  // nobody may reap it
@@ -221,5 +377,5 @@ bool soakStorms() {
     for (const Source &source : sources)
         std::printf("    %s: worst delay %d passes, bound %d\n", source.name,
                     static_cast<int>(source.worst), static_cast<int>(kDelayBound));
-    return soak("arena and lock table", 3000, arenaRound) && clean;
+    return soak("arena and lock table", 3000, arenaRound) && clean ? 0 : 1;
 }
