@@ -1,5 +1,5 @@
 # What `cmake --install` lays down: headers, both libraries, iosched.pc, the CMake package, arenactl
-# and the man pages. Three components: "runtime", "development" and "tools".
+# with its completions, and the man pages. Three components: "runtime", "development" and "tools".
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/iosched)
@@ -38,6 +38,16 @@ install(EXPORT iosched-targets NAMESPACE iosched:: DESTINATION ${package_dir}
 
 if(TARGET arenactl)
     install(TARGETS arenactl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    # Where zsh looks below /usr/local; distributions have places of their own below /usr.
+    set(IOSCHED_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING
+        "Where zsh finds completions")
+    set(completions ${PROJECT_SOURCE_DIR}/tools/arenactl/completions)
+    install(FILES ${completions}/arenactl.bash RENAME arenactl COMPONENT tools
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    install(FILES ${completions}/_arenactl DESTINATION ${IOSCHED_ZSH_DIR} COMPONENT tools)
+    install(FILES ${completions}/arenactl.fish COMPONENT tools
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+    install(FILES docs/arenactl.schema.json DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 endif()
 
 # docs/man/NAME.SECTION: commands belong to the tools, the rest to developers.
