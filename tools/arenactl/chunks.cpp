@@ -53,7 +53,7 @@ void chunksJson(const Examination &exam, JsonWriter &json) {
                 json.string(block.name);
             else
                 json.null();
-            json.key("lockTable").boolean(isTable(exam.model, block));
+            json.key("isTable").boolean(isTable(exam.model, block));
         }
         json.endObject();
     }

@@ -103,6 +103,7 @@ private:
 bool cleanArena(const char *path, const CleanOptions &options, RepairReport *report,
                 std::string *error) {
     report->path = path;
+    report->command = "clean";
     Session session;
     if (!session.open(path, error)) return false;
     std::string why;

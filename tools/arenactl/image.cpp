@@ -50,10 +50,11 @@ bool ArenaFile::open(const char *path, std::string *error) {
         *error = printed("%s: %s", path, std::strerror(errno));
         if (errno == ENOENT) *error += "; give the path of the arena file that the servers open";
         if (errno == EACCES) *error += "; run as the servers' user or as root";
+        if (errno != ENOENT && errno != EACCES) *error += "; check the path";
         return false;
     }
     if (!S_ISREG(status.st_mode)) {
-        *error = printed("%s: not a regular file; arenas are regular files", path);
+        *error = printed("%s: not a regular file; give the path of an arena, which is one", path);
         return false;
     }
     device_ = status.st_dev;
@@ -79,14 +80,16 @@ bool ArenaImage::resize(uint64_t size) {
 bool ArenaImage::refresh(const ArenaFile &file, bool *changed, std::string *error) {
     struct stat status;
     if (::fstat(file.descriptor(), &status) < 0) {
-        *error = printed("%s: %s", file.path().c_str(), std::strerror(errno));
+        *error = printed("%s: %s; try again", file.path().c_str(), std::strerror(errno));
         return false;
     }
     const uint64_t size = static_cast<uint64_t>(status.st_size);
     *changed = size != size_;
     if (size > largestImage() || !resize(size)) {
-        *error = printed("%s: %" PRIu64 " bytes are more than this machine can take a copy of",
-                         file.path().c_str(), size);
+        *error =
+            printed("%s: %" PRIu64 " bytes are more than this machine can take a copy of; look "
+                    "from one with more memory",
+                    file.path().c_str(), size);
         return false;
     }
     static std::array<std::byte, kPieceBytes> piece;
@@ -96,8 +99,8 @@ bool ArenaImage::refresh(const ArenaFile &file, bool *changed, std::string *erro
             ::pread(file.descriptor(), piece.data(), wanted, static_cast<off_t>(done));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) {
-            *error = printed("%s: reading at %" PRIu64 ": %s", file.path().c_str(), done,
-                             std::strerror(errno));
+            *error = printed("%s: reading at %" PRIu64 ": %s; look at the disk",
+                             file.path().c_str(), done, std::strerror(errno));
             return false;
         }
         if (got == 0) {  // it shrank since fstat

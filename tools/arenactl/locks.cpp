@@ -37,13 +37,18 @@ std::string holderOf(const TableRecord &record) {
                    record.owner, record.handle);
 }
 
+// What every line about a file's records begins with, so that it can be read by itself.
+std::string titleOf(const TableFile &file) {
+    return file.name.empty() ? "key " + keyWords(file) : quoted(file.name);
+}
+
 std::string obstaclesText(const TableFile &file, const LockFilter &filter) {
     std::string text;
     for (const Obstacle &obstacle : obstaclesIn(file)) {
         if (!isShown(*obstacle.record, filter)) continue;
         const bool isOpen = obstacle.record->isOpen;
-        text += "    " + holderOf(*obstacle.record) + " stops " + joined(obstacle.stops) +
-                (isOpen ? "" : ", " + rangeWords(*obstacle.record));
+        text += "    " + titleOf(file) + "  " + holderOf(*obstacle.record) + " stops " +
+                joined(obstacle.stops) + (isOpen ? "" : ", " + rangeWords(*obstacle.record));
         for (const TableRecord *other : obstacle.affected)
             text += (other == obstacle.affected.front() ? " by " : ", ") + holderOf(*other);
         text += "\n";
@@ -51,10 +56,11 @@ std::string obstaclesText(const TableFile &file, const LockFilter &filter) {
     return text;
 }
 
-std::string waitersText(const std::vector<uint32_t> &pids) {
+std::string waitersText(const LockTable &table, const std::vector<uint32_t> &pids) {
     std::string text;
     for (const uint32_t pid : pids)
-        text += printed("  process %" PRIu32 " waits for the mutex\n", pid);
+        text += "  table " + quoted(table.name) +
+                printed(": process %" PRIu32 " waits for the mutex\n", pid);
     return text;
 }
 
@@ -66,12 +72,12 @@ std::string recordsText(const TableFile &file, const LockFilter &filter, Process
     Columns columns;
     for (const TableRecord &record : file.records) {
         if (!isShown(record, filter)) continue;
-        columns.row({record.isOpen ? "open" : "lock", printed("process %" PRIu32, record.pid),
-                     textOf(processes.lifeOf(record.pid)).words,
-                     printed("owner %" PRIu32, record.owner),
-                     printed("handle %" PRIu32, record.handle),
-                     record.isOpen ? joined(modeWords(record.mode))
-                                   : joined(lockWords(record.mode)) + ", " + rangeWords(record)});
+        columns.row(
+            {titleOf(file), record.isOpen ? "open" : "lock",
+             printed("process %" PRIu32, record.pid), textOf(processes.lifeOf(record.pid)).words,
+             printed("owner %" PRIu32, record.owner), printed("handle %" PRIu32, record.handle),
+             record.isOpen ? joined(modeWords(record.mode))
+                           : joined(lockWords(record.mode)) + ", " + rangeWords(record)});
     }
     return columns.text(4);
 }
@@ -92,7 +98,7 @@ std::string tableText(const LockTable &table, const MutexState &mutex, const Loc
                     counted(table.fileEntries, "file entry", "file entries").c_str(),
                     table.recordsInUse(), counted(table.lockRecords, "record", "records").c_str(),
                     holderWords(mutex, processes).c_str());
-    text += waitersText(waiters);
+    text += waitersText(table, waiters);
     for (const TableFile &file : table.files) {
         if (isShown(file, filter)) text += fileText(file, filter, processes);
     }
@@ -113,10 +119,13 @@ void holderJson(const TableRecord &record, JsonWriter &json) {
 void recordJson(const TableRecord &record, Processes &processes, JsonWriter &json) {
     json.beginObject();
     holderJson(record, json);
-    json.key("process").string(textOf(processes.lifeOf(record.pid)).name);
-    json.key("mode").number(record.mode);
-    json.key("modeWords").strings(record.isOpen ? modeWords(record.mode) : lockWords(record.mode));
-    if (!record.isOpen) {
+    json.key("life").string(textOf(processes.lifeOf(record.pid)).name);
+    if (record.isOpen) {
+        json.key("mode").number(record.mode);
+        json.key("modeWords").strings(modeWords(record.mode));
+    } else {
+        json.key("flags").number(record.mode);
+        json.key("flagWords").strings(lockWords(record.mode));
         json.key("start").signedNumber(record.start);
         json.key("end");  // null: to the end of the file, however long it grows
         if (record.end == INT64_MAX)
@@ -170,17 +179,9 @@ void fileJson(const TableFile &file, const LockFilter &filter, Processes &proces
 void tableJson(const LockTable &table, const LockFilter &filter,
                const std::vector<uint32_t> &waiters, Processes &processes, JsonWriter &json) {
     json.beginObject();
-    json.key("name").string(table.name);
-    json.key("offset").number(table.offset);
-    json.key("bytes").number(table.size);
-    json.key("readable").boolean(table.readable);
-    json.key("buckets").number(table.buckets);
-    json.key("fileEntries").number(table.fileEntries);
-    json.key("freeFileEntries").number(table.freeFiles);
-    json.key("lockRecords").number(table.lockRecords);
-    json.key("freeLockRecords").number(table.freeRecords);
+    tableFillJson(table, json);
     if (filter.blocking) {
-        json.key("waiting").beginArray();
+        json.key("waitingPids").beginArray();
         for (const uint32_t pid : waiters)
             json.number(pid);
         json.endArray();
@@ -194,6 +195,20 @@ void tableJson(const LockTable &table, const LockFilter &filter,
 }
 
 }  // namespace
+
+void tableFillJson(const LockTable &table, JsonWriter &json) {
+    json.key("name").string(table.name);
+    json.key("offset").number(table.offset);
+    json.key("bytes").number(table.size);
+    json.key("readable").boolean(table.readable);
+    json.key("buckets").number(table.buckets);
+    json.key("fileEntries").number(table.fileEntries);
+    json.key("usedFileEntries").number(table.files.size());
+    json.key("freeFileEntries").number(table.freeFiles);
+    json.key("lockRecords").number(table.lockRecords);
+    json.key("usedLockRecords").number(table.recordsInUse());
+    json.key("freeLockRecords").number(table.freeRecords);
+}
 
 std::string locksText(Examination &exam, const LockFilter &filter) {
     if (exam.model.tables.empty()) return "no lock table in this arena\n";

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include "iosched/util.h"
+#include "text.h"
 
 #include <cerrno>
 #include <climits>
@@ -19,9 +20,8 @@ bool parseBetween(const char *what, const char *text, uint32_t least, uint32_t m
     errno = 0;
     const long value = std::strtol(text, &end, 10);
     if (errno != 0 || end == text || *end != '\0' || value < long{least} || value > long{most}) {
-        (void)std::fprintf(stderr, "arenactl: %s is a number from %u to %u, not %s\n", what, least,
-                           most, text);
-        return false;
+        return complain(what, printed("a number from %u to %u is wanted, not %s", least, most,
+                                      quoted(text).c_str()));
     }
     *number = static_cast<uint32_t>(value);
     return true;
@@ -52,8 +52,7 @@ bool takeLongOption(std::string_view word, int argc, char **argv, Options *optio
     }
     const std::string name(word.substr(0, word.find('=')));
     if (name != "file" && name != "pid") {
-        (void)std::fprintf(stderr, "arenactl: there is no option --%s\n", name.c_str());
-        return false;
+        return complain(quoted("--" + name), "no such option");
     }
     const char *value = std::strchr(word.data(), '=');
     if (value != nullptr) {
@@ -63,8 +62,7 @@ bool takeLongOption(std::string_view word, int argc, char **argv, Options *optio
         ZORoptreset = 1;  // see parseOptions
     }
     if (value == nullptr || *value == '\0') {
-        (void)std::fprintf(stderr, "arenactl: --%s needs an argument\n", name.c_str());
-        return false;
+        return complain("--" + name, "needs an argument");
     }
     if (name == "pid") return parseNumber("--pid", value, &options->pid);
     options->file = value;
@@ -88,15 +86,25 @@ bool takeOption(int letter, int argc, char **argv, Options *options) {
         return parseInt("-n", ZORoptarg, INT_MAX, &options->looks);
     case '-':
         return takeLongOption(ZORoptarg, argc, argv, options);
-    default:
-        return false;  // the parser has said why
+    default: {
+        const char option[] = {'-', static_cast<char>(ZORoptopt), '\0'};
+        const bool isKnown = ZORoptopt == 'w' || ZORoptopt == 'n';
+        return complain(quoted(option), isKnown ? "needs an argument" : "no such option");
+    }
     }
 }
 
 }  // namespace
 
+bool complain(const std::string &what, const std::string &problem) {
+    (void)std::fprintf(stderr, "arenactl: %s: %s; arenactl --help tells how it is used\n",
+                       what.c_str(), problem.c_str());
+    return false;
+}
+
 // Options may stand before, between and behind the operands; "--" ends them.
 bool parseOptions(int argc, char **argv, Options *options) {
+    ZORopterr = 0;  // its messages have another form
     while (ZORoptind < argc) {
         int letter;
         while ((letter = ZORgetopt(argc, argv, "-:jhVw:n:")) != -1) {

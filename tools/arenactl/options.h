@@ -18,8 +18,11 @@ struct Options {
     std::vector<const char *> operands;
 };
 
-// False after a message about what was not understood.
+// The message about a word of the command line that was not understood; false, to be handed on.
+bool complain(const std::string &what, const std::string &problem);
+
+// False after such a message.
 bool parseOptions(int argc, char **argv, Options *options);
 
-// A process id, or a number of something, from 1 up. False after a message.
+// A process id, or a number of something, from 1 up. False after such a message.
 bool parseNumber(const char *what, const char *text, uint32_t *number);

@@ -65,6 +65,8 @@ std::string RepairReport::text() const {
 std::string RepairReport::json() const {
     JsonWriter json;
     json.beginObject();
+    json.key("schema").number(kJsonSchema);
+    json.key("command").string(command);
     json.key("arena").string(path);
     json.key("dryRun").boolean(isRehearsal);
     json.key("result").string(resultName(*this));

@@ -20,6 +20,7 @@ struct MutexReport {
 
 struct RepairReport {
     std::string path;
+    const char *command = "repair";
     bool isRehearsal = false;  // --dry-run: everything is what would be done
     std::vector<MutexReport> mutexes;
     std::vector<std::string> notes;     // what the bytes cannot tell

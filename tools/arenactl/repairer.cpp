@@ -245,7 +245,7 @@ bool rehearseArena(const char *path, const RepairOptions &options, RepairReport 
     Examination exam;
     if (!examineArena(path, options.waitMs, &exam, error)) return false;
     if (!exam.model.isArena) {
-        *error = printed("%s: not an arena that this program can read", path);
+        *error = printed("%s: not an arena that this program can read; check the path", path);
         return false;
     }
     const std::span<const std::byte> bytes = exam.image.bytes();

@@ -26,7 +26,7 @@ void findingJson(const Examination &exam, const Finding &finding, JsonWriter &js
     json.key("code").string(finding.code);
     json.key("offset").number(finding.offset);
     json.key("length").number(finding.length);
-    json.key("bytes").string(hexBytes(bytesOf(exam, finding)));
+    json.key("found").string(hexBytes(bytesOf(exam, finding)));
     json.key("place").string(finding.place);
     json.key("problem").string(finding.problem);
     json.key("unsure").boolean(finding.unsure);
@@ -39,12 +39,6 @@ std::string copyWords(const Examination &exam) {
            "): parts of it may not fit together; look again, or with a longer -w\n";
 }
 
-size_t countSure(const Examination &exam) {
-    const std::vector<Finding> &list = exam.model.findings.list();
-    return static_cast<size_t>(std::count_if(
-        list.begin(), list.end(), [](const Finding &finding) { return !finding.unsure; }));
-}
-
 std::string answerText(Command command, Examination &exam, const LockFilter &filter) {
     switch (command) {
     case Command::kInfo:
@@ -54,6 +48,7 @@ std::string answerText(Command command, Examination &exam, const LockFilter &fil
     case Command::kLocks:
         return locksText(exam, filter);
     case Command::kCheck:
+    case Command::kMetrics:
         break;
     }
     return {};
@@ -68,11 +63,14 @@ void answerJson(Command command, Examination &exam, const LockFilter &filter, Js
     case Command::kLocks:
         return locksJson(exam, filter, json);
     case Command::kCheck:
+        return staleJson(exam, json);
+    case Command::kMetrics:
         return;
     }
 }
 
 std::string wholeText(Command command, Examination &exam, const LockFilter &filter) {
+    if (command == Command::kMetrics) return metricsText(exam);
     const std::string title = "arena " + quoted(exam.file.path()) + "\n" + copyWords(exam);
     if (command == Command::kCheck || !exam.model.isArena) return title + checkText(exam);
     std::string text = title + answerText(command, exam, filter);
@@ -81,9 +79,16 @@ std::string wholeText(Command command, Examination &exam, const LockFilter &filt
     return text;
 }
 
+const char *nameOf(Command command) {
+    static constexpr const char *kNames[] = {"info", "chunks", "locks", "check", "metrics"};
+    return kNames[static_cast<size_t>(command)];
+}
+
 std::string wholeJson(Command command, Examination &exam, const LockFilter &filter) {
     JsonWriter json;
     json.beginObject();
+    json.key("schema").number(kJsonSchema);
+    json.key("command").string(nameOf(command));
     json.key("arena").string(exam.file.path());
     json.key("bytes").number(exam.image.bytes().size());
     json.key("copy").string(exam.exact ? "exact" : "best-effort");
@@ -102,6 +107,12 @@ std::string wholeJson(Command command, Examination &exam, const LockFilter &filt
 
 }  // namespace
 
+size_t countSure(const Examination &exam) {
+    const std::vector<Finding> &list = exam.model.findings.list();
+    return static_cast<size_t>(std::count_if(
+        list.begin(), list.end(), [](const Finding &finding) { return !finding.unsure; }));
+}
+
 FreeSpace freeSpace(const ArenaModel &model) {
     FreeSpace space;
     for (const HeapBlock &block : model.blocks) {
@@ -116,8 +127,8 @@ FreeSpace freeSpace(const ArenaModel &model) {
 void freeSpaceJson(const FreeSpace &space, JsonWriter &json) {
     json.beginObject();
     json.key("bytes").number(space.bytes);
-    json.key("blocks").number(space.blocks);
-    json.key("largest").number(space.largest);
+    json.key("blockCount").number(space.blocks);
+    json.key("largestBytes").number(space.largest);
     json.key("fragmentationPercent").number(space.fragmentation());
     json.endObject();
 }
@@ -140,9 +151,9 @@ void mutexesJson(Examination &exam, JsonWriter &json) {
         json.key("place").string(mutex.place);
         json.key("offset").number(mutex.offset);
         json.key("held").boolean(mutex.held());
-        json.key("holder").number(mutex.holder);
-        json.key("owner").number(mutex.owner);
-        json.key("process");
+        json.key("pid").number(mutex.holder);
+        json.key("thread").number(mutex.owner);
+        json.key("life");
         if (mutex.held())
             json.string(textOf(exam.processes.holderLife(mutex.process())).name);
         else
@@ -166,6 +177,7 @@ std::string checkText(Examination &exam) {
     if (!unsure.empty())
         text +=
             "perhaps only a change half made, since a living process holds the mutex:\n" + unsure;
+    text += staleText(exam);
     if (!exam.model.isArena) return text + "not an arena that this program can read\n";
     const size_t sure = countSure(exam);
     if (sure > 0) return text + counted(sure, "thing is", "things are") + " wrong\n";

@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include "result_words.h"
 #include "text.h"
 #include "users.h"
 #include "waiting.h"
@@ -15,15 +16,11 @@ namespace {
 // No arena is so long, so the byte is nobody's.
 constexpr off_t kClaimOffset = off_t{1} << 62;
 
-const char *resultWords(uint32_t result) {
-    switch (result) {
-    case SHARED_ERR_MAGIC:
-        return "not an arena, or never initialised to its end";
-    case SHARED_ERR_VERSION:
-        return "an arena of another layout";
-    default:
-        return std::strerror(errno);
-    }
+std::string openFailure(uint32_t result) {
+    const ResultWords *const words = wordsOfResult(result);
+    if (result == SCHED_ERR_SYSTEM || words == nullptr)
+        return std::string(std::strerror(errno)) + "; arenactl explain tells more about an errno";
+    return std::string(words->meaning) + "; " + words->remedy;
 }
 
 }  // namespace
@@ -37,7 +34,8 @@ bool Session::open(const char *path, std::string *error) {
     {
         const FdGuard probe(::open(path, O_RDWR | O_CLOEXEC | O_NOCTTY));
         if (probe.get() < 0) {
-            *error = printed("%s: opening it for writing: %s", path, std::strerror(errno));
+            *error = printed("%s: opening it for writing: %s; run as the servers' user or as root",
+                             path, std::strerror(errno));
             return false;
         }
         hadUsers_ = ::flock(probe.get(), LOCK_EX | LOCK_NB) < 0;
@@ -45,7 +43,7 @@ bool Session::open(const char *path, std::string *error) {
     const uint32_t result = OpenSharedArena(path, 0, 0, 0, &arena_);
     if (result == 0) return true;
     arena_ = nullptr;
-    *error = printed("%s: %s", path, resultWords(result));
+    *error = printed("%s: %s", path, openFailure(result).c_str());
     return false;
 }
 

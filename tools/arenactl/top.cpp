@@ -210,7 +210,8 @@ private:
                    (exam.damaged() ? " (something is wrong: see arenactl check)\n" : "\n") +
                    summary(exam.model, watch);
         if (screen_.isTerminal() ? drawFiles(exam.model) : Screen::print(summary_)) return true;
-        *error_ = std::string("writing the answer: ") + std::strerror(errno);
+        *error_ =
+            std::string("standard output: ") + std::strerror(errno) + "; nobody sees the figures";
         return false;
     }
 
