@@ -466,7 +466,7 @@ class CommandLine(Case):
             self.say("explain", *words, has=has)
             self.ask("explain", *words)
 
-    def test_the_words_of_the_codes_are_those_of_headers_and_documents(self):
+    def test_the_codes_and_flags_are_those_of_headers_and_documents(self):
         headers = source("include/iosched/sched.h") + source("include/iosched/shared.h")
         declared = {}
         for name in os.listdir(os.path.join(SOURCE, "include/iosched")):
@@ -476,7 +476,11 @@ class CommandLine(Case):
         told = {entry["name"]: entry for entry in self.ask("explain")["codes"]}
         codes = {name: entry for name, entry in told.items() if "_ERR_" in name}
         self.assertEqual({name: entry["code"] for name, entry in codes.items()}, declared)
-        table = dict(re.findall(r"^\| `(\w+)` \| (.*) \|$", source("docs/formats.md"), re.M))
+        document = source("docs/formats.md")
+        flags = re.findall(r"#define (SHARED_FILE_\w+) (0x[0-9A-Fa-f]+)u", headers)
+        self.assertEqual(sorted((name, int(bits, 16)) for name, bits in flags),
+                         sorted((name, int(bits, 16)) for name, bits in re.findall(r"^\| `(SHARED_FILE_\w+)` \| (0x\w+) ", document, re.M)))
+        table = dict(re.findall(r"^\| `(\w+)` \| (.*) \|$", document, re.M))
         for name, entry in codes.items():
             self.assertIn(entry["meaning"], re.findall(rf"#define {name} \d+ +/\* (.*?) \*/", headers))
             self.assertEqual(table[name], f"{entry['code']} | {entry['meaning']} | {entry['remedy']}")
