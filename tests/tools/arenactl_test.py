@@ -456,6 +456,11 @@ class CommandLine(Case):
             with self.subTest(words):
                 self.say(*words, status=status, has=has)
 
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([ARENACTL, "check", path], stdout=full, stderr=subprocess.PIPE, check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr, rb"\Aarenactl: standard output: No space left on device; .+\n\Z")
+
     def test_a_code_is_explained_by_number_and_name(self):
         for words, has in [
             ([350102], "SHARED_ERR_LOCKED  350102  0x55796  another holder"), (["0x55796"], "SHARED_ERR_LOCKED"),
