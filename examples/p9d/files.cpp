@@ -39,8 +39,10 @@ int Session::statfs(Reader &in, Writer &out) {
     const Fid *it = fid(in.u32());
     struct statfs info;
     FSInfo room;
+    // The lookup of a quota would stat every mount point of the machine. One of them may be of this
+    // export, and this worker the one to answer.
     if (!it || fstatfs(it->fd, &info) != 0 ||
-        GetFSInfo(it->fd, procPath(it->fd).c_str(), 0, &room) != 0)
+        GetFSInfo(it->fd, nullptr, FSINFO_NO_QUOTA, &room) != 0)
         return errno;
     uint64_t fileSystem = 0;
     std::memcpy(&fileSystem, &info.f_fsid, sizeof fileSystem);

@@ -120,7 +120,9 @@ typedef struct FSInfo {
  *
  * Returns 0, or -1 with the errno of statfs() or fstatfs() and info untouched. The first quota
  * lookup reads /etc/mtab and calls stat() on every mount point; what it finds is kept for the life
- * of the process, and the table is read again only for a device not met before. */
+ * of the process, and the table is read again only for a device not met before. Such a stat() waits
+ * for as long as the mount point's server does: a server whose own export may be mounted on this
+ * machine would wait for itself, and asks with FSINFO_NO_QUOTA. */
 int GetFSInfo(int fd, const char *path, int options, FSInfo *info);
 
 /* Sets the size in bytes of the blocks that quota limits are counted in, for the whole process and
