@@ -213,13 +213,18 @@ TEST_F(Timers, MicrosecondsAreArmedAsSuch) {
     EXPECT_LE(armedMs(), 1999);
 }
 
-TEST_F(Timers, OneStoppedAfterAPassInARunHadArmedItLeavesNothingArmed) {
-    TestTimer stopped(5000);
+// In a run, passes and peeks arm what the run holds back; nothing else answers for a timer here.
+TEST_F(Timers, InARunPeeksSeeWhatIsDueAndWhatIsStoppedIsNotArmed) {
+    TestTimer stopped(5000), due(0);
     TestTimer timer(0, [&] {
         startTimer(&stopped);
-        (void)iosched(0);
+        (void)iosched(0);  // drains the pipe
         EXPECT_GT(armedMs(), 0);
         EXPECT_EQ(stopTimer(&stopped), 1);
+        EXPECT_EQ(iopeek(), 0);
+        startTimer(&due);
+        EXPECT_EQ(iopeek(), 1);
+        EXPECT_EQ(stopTimer(&due), 1);
     });
     startTimer(&timer);
     EXPECT_TRUE(runUntil([&] { return timer.fired == 1; }));
