@@ -424,11 +424,13 @@ const std::vector<Scenario> kScenarios = {
 // What a process has; a fault must not add to it.
 struct Books {
     long descriptors, children, blocks, mappings;
+    sigset_t mask;
 };
 Books *reference;  // after a run without faults, for the runs with faults to compare with
 
 Books books() {
-    Books now{0, 0, liveBlocks, liveMappings};
+    Books now{0, 0, liveBlocks, liveMappings, {}};
+    (void)::pthread_sigmask(SIG_SETMASK, nullptr, &now.mask);
     for (int i = 0; i < 256; ++i)
         now.descriptors += ::fcntl(i, F_GETFD) != -1;
     siginfo_t info{};
@@ -475,8 +477,11 @@ void runWithFault(const Scenario &scenario, long countdown, bool forever) {
         if (!scenario.but.othersErrno && !scenario.but.inChildren) {
             EXPECT_EQ(error, fault->error);
         }
-        EXPECT_LE(books().descriptors, before.descriptors + scenario.but.leaves);
-        EXPECT_EQ(books().children, before.children);
+        const Books now = books();
+        EXPECT_LE(now.descriptors, before.descriptors + scenario.but.leaves);
+        EXPECT_EQ(now.children, before.children);
+        EXPECT_TRUE(std::memcmp(&now.mask, &before.mask, sizeof now.mask) == 0 ||
+                    scenario.but.leaves != 0);
     }
     // A wait that poll refuses goes on; nothing else is tried time and again.
     EXPECT_TRUE(fault->repeats < kMostRepeats || lists("poll ppoll", fault->name) ||

@@ -1,11 +1,15 @@
 #include "procs/procs_internal.h"
 #include "procs/program.h"
-#include "procs/syscall_wrap.h"
 #include "support/in_child.h"
 
 #include <cerrno>
 #include <malloc.h>
 #include <poll.h>
+
+extern "C" {
+pid_t __real_fork(void);
+pid_t __wrap_fork(void);
+}
 
 namespace {
 
@@ -32,6 +36,16 @@ struct TestHook {
 using Forking = LoopTest;
 
 }  // namespace
+
+pid_t __wrap_fork(void) {
+    if (std::exchange(failNextFork, false)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const pid_t pid = __real_fork();
+    if (pid > 0 && forksAwaitTheEnd) awaitZombie(pid);
+    return pid;
+}
 
 TEST_F(Forking, CallsHooksOldestFirstInEveryPhase) {
     TestHook a('a', [](int phase) { EXPECT_TRUE(phase != FORK_PREPARE || lastValue == -1); });

@@ -10,6 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// The next fork fails with EAGAIN; every fork returns in the parent when the child has ended already.
+// fork_test.cpp stands before the C library's fork.
+inline bool failNextFork = false, forksAwaitTheEnd = false;
+
 inline std::string readAll(int fd) {
     std::string text;
     char bytes[4096];
