@@ -30,18 +30,20 @@ constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kUsPerMs = 1000;
 
+__extension__ typedef unsigned __int128 Key;
+
 // A running timer; the record's link holds its place. The library's fields of a record prove
 // nothing, since it may come with anything in them: a timer runs exactly while the entry at that
 // place is its own, or it is in the list.
 struct TimerEntry {
-    int64_t expires;
+    int64_t expires;    // never negative
     uint64_t sequence;  // of starting
-    SchedTimer *timer;
+    SchedTimer *timer;  // null: a hole
 
-    bool before(const TimerEntry &other) const {
-        const bool isYounger = sequence >= other.sequence;
-        return (expires < other.expires) | ((expires == other.expires) & !isYounger);
-    }
+    // By both at once: no branch.
+    bool before(const TimerEntry &other) const { return key() < other.key(); }
+    Key key() const { return Key{static_cast<uint64_t>(expires)} << 64 | sequence; }
+    bool isHole() const { return timer == nullptr; }
     void setPlace(size_t place) const { timer->next = std::bit_cast<SchedTimer *>(place); }
 };
 
@@ -59,11 +61,13 @@ bool alarmHeldBack = false;
 // again. One variable for the time would not do: two readings in one millisecond are the same.
 unsigned int nestedArmings = 0;
 
-constexpr size_t kNotInHeap = SIZE_MAX;
+uintptr_t placeOf(const SchedTimer *t) {
+    return reinterpret_cast<uintptr_t>(t->next);
+}
 
-size_t placeInHeap(const SchedTimer *t) {
-    const auto place = reinterpret_cast<uintptr_t>(t->next);
-    return place < timerHeap.size() && timerHeap.at(place).timer == t ? place : kNotInHeap;
+bool isInHeap(const SchedTimer *t) {
+    const TimerEntry *entry = timerHeap.at(placeOf(t));
+    return entry != nullptr && entry->timer == t;
 }
 
 // Where the list's link to t stands, or null when t is not in the list.
@@ -75,20 +79,19 @@ SchedTimer **findLink(const SchedTimer *t) {
 
 // The next timer to fire, or null.
 SchedTimer *firstTimer() {
-    if (timerHeap.size() == 0) return timerRoot;
+    if (timerHeap.isEmpty()) return timerRoot;
     SchedTimer *first = timerHeap.first().timer;
     return timerRoot != nullptr && timerRoot->expires < timerHeap.first().expires ? timerRoot
                                                                                   : first;
 }
 
 bool isRunning(const SchedTimer *t) {
-    return placeInHeap(t) != kNotInHeap || findLink(t) != nullptr;
+    return isInHeap(t) || findLink(t) != nullptr;
 }
 
 bool removeTimer(SchedTimer *t) {
-    const size_t place = placeInHeap(t);
-    if (place != kNotInHeap) {
-        timerHeap.remove(place);
+    if (isInHeap(t)) {
+        timerHeap.remove(placeOf(t));
         return true;
     }
     SchedTimer **link = findLink(t);
@@ -153,6 +156,7 @@ void setAlarm(int64_t now) {
 // Fires the timers that are due at now; each is no longer running when its callback is called.
 void fireDueTimers(int64_t now) {
     for (;;) {
+        timerHeap.takeOff([now](const TimerEntry &entry) { return entry.expires <= now; });
         SchedTimer *t = firstTimer();
         if (t == nullptr || t->expires > now) return;
         (void)removeTimer(t);
