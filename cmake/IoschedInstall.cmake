@@ -13,6 +13,7 @@ install(TARGETS iosched_static EXPORT iosched-targets
 install(DIRECTORY include/iosched DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     COMPONENT development FILES_MATCHING PATTERN "*.h")
 
+install(FILES docs/iosched.supp DESTINATION ${CMAKE_INSTALL_DATADIR}/iosched COMPONENT development)
 # Written at install time, when the prefix is known: plain paths, which pkg-config leaves out of its
 # answer where the compiler looks anyway. A tree that is moved later is found by --define-prefix.
 install(CODE "
