@@ -6,7 +6,6 @@ SchedTraceFunc iosched_lib::schedTraceCallbackFunc = nullptr;
 int iosched_lib::schedTraceLevel = 0;
 
 void SetSchedTraceCallback(SchedTraceFunc func, int level) {
-    const bool on = func != nullptr && level != 0;
-    schedTraceCallbackFunc = on ? func : nullptr;
-    schedTraceLevel = on ? level : 0;
+    schedTraceCallbackFunc = func;
+    schedTraceLevel = func != nullptr ? level : 0;
 }

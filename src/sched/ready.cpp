@@ -170,8 +170,7 @@ int askUntilReady(int waitMs, Findings *found) {
     (void)sigfillset(&all);
     (void)::pthread_sigmask(SIG_SETMASK, &all, nullptr);
     const int result = sleepParked(waitMs, found);
-    ErrnoGuard keep;
-    (void)disableSignals();
+    (void)disableSignals();  // leaves errno
     return result;
 }
 
@@ -216,9 +215,9 @@ int iosched_lib::findReady(int waitMs) {
     const int result = askUntilReady(waitMs, &found);
     inIOSched = inIOSched - 1;
     readyCount = result == -1 ? 0 : found.count;
-    ErrnoGuard keep;
+    if (result == -1) return -1;
     judge(readyCount);
-    return result == -1 ? -1 : readyCount;
+    return readyCount;
 }
 
 bool iosched_lib::anythingReady() {

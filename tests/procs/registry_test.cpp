@@ -9,7 +9,14 @@
 #include <sstream>
 #include <vector>
 
+extern "C" {
+pid_t __real_wait3(int *status, int options, rusage *usage);
+pid_t __wrap_wait3(int *status, int options, rusage *usage);
+}
+
 namespace {
+
+int dumpedCore = 0;  // whose end is reported next; machines that dump cores are few
 
 // A registered child process and what was reported of it.
 struct TestChild {
@@ -114,6 +121,12 @@ using Children = LoopTest;
 
 }  // namespace
 
+pid_t __wrap_wait3(int *status, int options, rusage *usage) {
+    if (dumpedCore == 0) return __real_wait3(status, options, usage);
+    *status = SIGSEGV | 0x80;
+    return std::exchange(dumpedCore, 0);
+}
+
 TEST(ChildRegistry, TellsWhomItShouldTell) {
     const struct {
         const char *script, *onFirstCall, *log;
@@ -191,6 +204,10 @@ TEST_F(Children, AreReportedHoweverTheyEnd) {
     ASSERT_EQ(::kill(stops.pid, SIGCONT), 0);
     EXPECT_TRUE(runUntil([&] { return stops.reports == 2; }));
     EXPECT_EQ(buildStatus(&stops.status), 0x400);
+    ASSERT_EQ(registerChild(dumpedCore = killed.pid, &TestChild::done, &killed), 0);
+    ASSERT_EQ(::raise(SIGCHLD), 0);
+    EXPECT_TRUE(runUntil([&] { return killed.reports == 2; }));
+    EXPECT_EQ(buildStatus(&killed.status), SIGSEGV | 0x80);
 }
 
 TEST(BuildStatus, EncodesAsWaitDoes) {

@@ -45,6 +45,13 @@ TEST_F(Registration, AcceptsDescriptorsOfTheTableOnly) {
     EXPECT_EQ(registerInput(size - 1, nullptr, nullptr), 0);
     EXPECT_EQ(registerInput(size - 2, nullptr, nullptr), 0);  // never registered
     EXPECT_EQ(iosched(0), 0);
+    const TestPipe pipe;
+    ASSERT_EQ(::dup2(pipe.fd, 0), 0);
+    Watch lowest(0);
+    lowest.input();
+    pipe.fill();
+    EXPECT_EQ(iosched(0), 1);
+    EXPECT_EQ(lowest.inputs, 1);
 }
 
 TEST(ResizeSchedTable, MovesTheTablesUnderARunningPass) {

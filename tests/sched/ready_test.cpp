@@ -45,6 +45,28 @@ TEST_F(Parked, WhatIsClosedBehindTheLoopsBackIsNoticed) {
     (void)::close(heldOpen);
 }
 
+// A child of a plain fork makes sets of its own in place of those that it has from its parent, and
+// leaves its own files alone where it has closed everything.
+TEST_F(Parked, AChildReplacesItsParentsSetsAndClosesNothingElse) {
+    TestPipe pipe;
+    pipe.input();
+    (void)iosched(0);
+    const int open = countOpenDescriptors();
+    for (const bool closesAll : {false, true}) {
+        EXPECT_CHILD_OK([=] {
+            if (closesAll) (void)::close_range(3, ~0U, 0);
+            const int own = closesAll ? ::open("/dev/null", O_RDONLY) : -1;
+            for (int last = own; closesAll && last < open + 10;)
+                last = ::dup(own);
+            const int before = countOpenDescriptors();
+            for (int look = 0; look < 2; ++look) {
+                EXPECT_EQ(iopeek(), closesAll ? 1 : 0);
+                EXPECT_EQ(countOpenDescriptors(), before + (closesAll ? 2 : 0));
+            }
+        });
+    }
+}
+
 // Room for the self-pipe, then for the signalfd too; the set of parked ones always comes too late.
 TEST(ParkedNowhere, WithoutASetTheLoopPolls) {
     for (const rlim_t room : {2U, 3U}) {

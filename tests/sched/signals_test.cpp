@@ -132,6 +132,9 @@ TEST_F(Signals, AMaskSetPastTheLibraryIsPutBack) {
     }
     (void)catchSignal(SIGUSR1, [](int) { (void)iosched(0); });
     EXPECT_EQ(enableSignals(), 0);
+    EXPECT_EQ(iosched(-1), 1);
+    EXPECT_TRUE(blocked) << "let in by the program, held back by the next pass";
+    EXPECT_EQ(enableSignals(), 0);
     raiseHere(SIGUSR1);  // a pass inside the handler, whose return lets signals in again
     EXPECT_EQ(iosched(-1), 1);
     EXPECT_TRUE(blocked);
@@ -184,10 +187,16 @@ TEST_F(Signals, AChildWithoutAPipeLosesNoSignal) {
     EXPECT_EQ(iopeek(), 1);
     EXPECT_EQ(arrived.size(), 1U);
     const DescriptorLimit enough(1024);
+    EXPECT_CHILD_OK([] {
+        const int open = countOpenDescriptors();
+        EXPECT_EQ(ExitSched() + iosched(0), 0);
+        EXPECT_LE(countOpenDescriptors(), open) << "a pipe after the end";
+    });
     EXPECT_EQ(iosched(-1), 1);  // makes the pipe, which tells of the mark
     EXPECT_EQ(arrived.size(), 2U);
+    for (int pass = 0; pass < 4; ++pass)  // and no other
+        EXPECT_EQ(iosched(0), 0);
     EXPECT_LE(countOpenDescriptors(), before);
-    EXPECT_EQ(iosched(0), 0);
     ::_exit(HasFailure() ? 1 : 0);
 }
 

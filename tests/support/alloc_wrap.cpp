@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 
 unsigned long allocationCount = 0;
 long allocationsUntilFailure = -1;
@@ -41,6 +42,8 @@ void *__wrap_realloc(void *block, size_t size) {
 }
 
 void *__wrap_reallocarray(void *block, size_t count, size_t size) {
-    return mayAllocate() ? __real_reallocarray(block, count, size) : nullptr;
+    void *grown = mayAllocate() ? __real_reallocarray(block, count, size) : nullptr;
+    if (grown != nullptr && block == nullptr) std::memset(grown, 0xa5, count * size);
+    return grown;
 }
 }
