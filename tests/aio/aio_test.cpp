@@ -116,7 +116,10 @@ private:
         started.fd = fd;
         started.length = length;
         errno = 0;
-        if (function(&started) != 0) log_ += "!" + std::to_string(errno) + " ";
+        if (const int result = function(&started); result == -1)
+            log_ += "!" + std::to_string(errno) + " ";
+        else
+            EXPECT_EQ(result, 0);
     }
     int done(char name) {
         TestRequest &finished = request(name);
