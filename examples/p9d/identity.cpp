@@ -42,8 +42,9 @@ bool mayUse(const User &user, uint32_t uid, uint32_t group) {
 }  // namespace
 
 void actAs(uint32_t uid, uint32_t group) {
+    static const bool isRoot = geteuid() == 0;
     static uint32_t userNow = ~0u, groupNow = ~0u;
-    if (geteuid() != 0) return;
+    if (!isRoot) return;
     const User &user = findUser(uid);
     const uint32_t wanted = group != ~0u && mayUse(user, uid, group) ? group : user.group;
     if (uid != userNow) {

@@ -55,34 +55,35 @@ int Session::walk(Reader &in, Writer &out) {
     if (!start || start->attribute != Fid::Attribute::kNone) return EBADF;
     if (count > kMostNames) return EINVAL;
     if (from != to && fids_.contains(to)) return EBADF;
-    // A clone of an open fid is not open: it is taken anew through its link, which names this
-    // inode.
-    int at = start->isOpen() ? open(procPath(start->fd).c_str(), O_PATH | O_CLOEXEC)
-                             : fcntl(start->fd, F_DUPFD_CLOEXEC, 3);
-    if (at < 0) return errno;
     const uint32_t uid = start->uid;
     uint16_t done = 0;
     int error = 0;
+    int at = -1;  // where the walk has come to; before the first step, the fid itself
     out.u16(0);
-    for (; done < count && error == 0; done++) {
+    for (; done < count; done++) {
         const std::string name = in.string();
-        error = checkName(name);
-        if (error != 0) break;
+        if ((error = checkName(name)) != 0) break;
         struct stat info;
-        const int next = openat(at, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-        if (next < 0 || fstat(next, &info) != 0) {
-            error = errno;
-            break;
-        }
-        (void)close(at);
-        at = next;
+        const int next =
+            openat(at < 0 ? start->fd : at, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+        error = next < 0 || fstat(next, &info) != 0 ? errno : 0;
+        if (at >= 0 && next >= 0) (void)close(at);
+        if (next >= 0) at = next;
+        if (error != 0) break;
         out.qid(qidOf(info));
     }
     // A walk that got somewhere, but not to its end, tells how far and makes no fid.
     if (done < count) {
-        (void)close(at);
+        if (at >= 0) (void)close(at);
         if (done == 0) return error;
     } else {
+        // Without a step it is a clone. That of an open fid is not open: it is taken anew through
+        // its link, which names this inode.
+        if (at < 0) {
+            at = start->isOpen() ? open(procPath(start->fd).c_str(), O_PATH | O_CLOEXEC)
+                                 : fcntl(start->fd, F_DUPFD_CLOEXEC, 3);
+        }
+        if (at < 0) return errno;
         if (from == to) (void)dropFid(from);
         if (!addFid(to, at, uid)) return errno;
     }

@@ -8,7 +8,7 @@ import time
 
 mine, export = sys.argv[1:3]
 other = "/run/d1"
-ROUNDS, MEGABYTES, REQUESTS = 5, 24, 1500
+ROUNDS, MEGABYTES, REQUESTS = 9, 24, 1500
 block = os.urandom(65536)
 
 
