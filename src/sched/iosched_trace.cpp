@@ -6,6 +6,7 @@ SchedTraceFunc iosched_lib::schedTraceCallbackFunc = nullptr;
 int iosched_lib::schedTraceLevel = 0;
 
 void SetSchedTraceCallback(SchedTraceFunc func, int level) {
-    schedTraceCallbackFunc = func;
-    schedTraceLevel = func != nullptr ? level : 0;
+    const bool on = func != nullptr && level != 0;
+    schedTraceCallbackFunc = on ? func : nullptr;
+    schedTraceLevel = on ? level : 0;
 }

@@ -163,14 +163,9 @@ SchedSignalFunc catchSignal(int sig, SchedSignalFunc handler) {
     }
     if (isCallback(handler)) {
         // Held back before it can arrive, and sigaction checks the number before the table is used.
-        const sigset_t before = cursigmask;
         (void)sigaddset(&cursigmask, sig);
         (void)disableSignals();
-        if (!installHandler(sig, selfPipeSigHandler, &previous)) {
-            cursigmask = before;
-            (void)disableSignals();  // leaves errno
-            return SIG_ERR;
-        }
+        if (!installHandler(sig, selfPipeSigHandler, &previous)) return SIG_ERR;
         handlers[sig].func = handler;
         noteCaughtSignals();
         return previous;
@@ -206,6 +201,9 @@ bool iosched_lib::loopMaskStands() {
     sigset_t now;
     (void)sigemptyset(&now);
     (void)::pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    for (const int sig :
+         {SIGKILL, SIGSTOP})  // in the set by a call that failed; the system blocks neither
+        if (sigismember(&cursigmask, sig) == 1) (void)sigaddset(&now, sig);
     const bool stands = std::memcmp(&now, &cursigmask, kKernelSetBytes) == 0;
     maskTrust = stands ? std::min(maskTrust + 1, kTrustAfter * kLongestTrust) : 0;
     passesOnTrust = maskTrust / kTrustAfter;

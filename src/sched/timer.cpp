@@ -228,8 +228,6 @@ void iosched_lib::armHeldBackTimers(void) {
 }
 
 int iosched_lib::initTimers(void) {
-    static bool hooked = false;  // hooks outlive ExitSched
     if (catchSignal(SIGALRM, alarmHandler) == SIG_ERR) return -1;
-    hooked = hooked || registerFork(timerFork, nullptr) == 0;
-    return hooked ? 0 : -1;
+    return registerFork(timerFork, nullptr);  // once more at each start, by contract
 }

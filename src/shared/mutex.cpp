@@ -129,9 +129,8 @@ uint32_t DestroySharedMutex(SharedMutex *mutex) {
 }
 
 int iosched_lib::initMutexes() {
-    static bool hooked = false;  // hooks outlive ExitSched
     currentPid = ::getpid();
     // Without the hook, children record this process; locking itself works all the same.
-    hooked = hooked || registerFork(forkProc, nullptr) == 0;
+    (void)registerFork(forkProc, nullptr);
     return 0;
 }
