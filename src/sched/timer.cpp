@@ -8,8 +8,8 @@
 // a run inside the run. Without that, a sleep in a timer's callback would never end.
 //
 // Starting a timer never fails. Where the heap finds no memory, timers go to a sorted list behind
-// it, and so do all that follow until the list is empty again: so the timers of the list are
-// younger than those of the heap, and of two that are due together the heap's is first.
+// it, and so do all that follow until there is memory again: so the timers of the list are younger
+// than those of the heap, and of two that are due together the heap's is first.
 
 #include "sched/sched_internal.h"
 
@@ -113,10 +113,21 @@ void insertIntoList(SchedTimer *t) {
     *link = t;
 }
 
+// Brings the list's timers back into the heap, as far as there is memory again. Not in a run: what
+// it has taken off the heap must not be overtaken by one of the list that is due, too.
+void emptyList() {
+    while (timerRoot != nullptr && !inalarm && timerHeap.reserve()) {
+        SchedTimer *t = timerRoot;
+        timerRoot = t->next;
+        timerHeap.insert({t->expires, startCount++, t});
+    }
+}
+
 // Gives t its expiry and its place. Returns the time that the expiry is counted from.
 int64_t startTimerPriv(SchedTimer *t) {
     const int64_t now = getAbsMonoTime();
     t->expires = expiryAfter(now, t->interval);
+    emptyList();
     if (timerRoot == nullptr && timerHeap.reserve())
         timerHeap.insert({t->expires, startCount++, t});
     else
