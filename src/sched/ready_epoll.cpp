@@ -149,8 +149,9 @@ bool polledHaveProved() {
                            ++polledFor > kProvingPasses);
 }
 
+// No further than what may be parked: a child would else copy the whole table, page by page.
 void forgetAllParked() {
-    for (int fd = 0; fd < tableSize; ++fd) {
+    for (int fd = 0; fd <= maxfd && fd < tableSize; ++fd) {
         parkTab[fd].place = Place::kNowhere;
         parkTab[fd].changed = parkTab[fd].replaced = false;
     }
