@@ -6,7 +6,8 @@ second=$2
 source=$(realpath "$(dirname "$0")/../..")
 failed=
 
-# part NAME COMMAND...: goes on whatever comes of it.
+# part NAME FUNCTION [ARGUMENT]: goes on whatever comes of it. What is asked for its status is not ended
+# by a failing command, whatever -e says: so the functions chain theirs.
 part() {
     name=$1
     shift
@@ -27,30 +28,29 @@ git config --global --add safe.directory '*'
 
 clone() { git clone -q --no-local "file://$source" "$first/clone"; }
 commit() {
-    cd "$first/clone"
-    echo more >>README.md
-    git commit -qam more
-    git gc -q
-    git fsck --full
-    test -z "$(git status --porcelain)"
-    cd "$second/clone" && git log -1 --format=%s | grep -qx more
+    cd "$first/clone" &&
+        echo more >>README.md &&
+        git commit -qam more &&
+        git gc -q &&
+        git fsck --full &&
+        test -z "$(git status --porcelain)" &&
+        cd "$second/clone" &&
+        git log -1 --format=%s | grep -qx more
 }
 compile() {
-    mkdir "$first/objects"
-    cd "$first/objects"
+    mkdir "$first/objects" && cd "$first/objects" || return
     for file in "$source"/src/util/*.cpp; do
-        g++ -std=c++20 -O1 -I"$source/include" -I"$source/src" -c "$file"
+        g++ -std=c++20 -O1 -I"$source/include" -I"$source/src" -c "$file" || return
     done
-    ar rc libutil.a ./*.o
-    printf '#include <iosched/util.h>\nint main(void) { char a[4]; return (int)strlcpy(a, "ab", 4) - 2; }\n' >a.c
-    gcc -I"$source/include" a.c libutil.a -lstdc++ -o a.out
-    "$second/objects/a.out"
+    printf '#include <iosched/util.h>\nint main(void) { char a[4]; return (int)strlcpy(a, "ab", 4) - 2; }\n' >a.c &&
+        ar rc libutil.a ./*.o &&
+        gcc -I"$source/include" a.c libutil.a -lstdc++ -o a.out &&
+        "$second/objects/a.out"
 }
 stress() {
-    mkdir -p "$first/stress"
-    # Its own scratch files; what it verifies it reads back.
-    stress-ng --temp-path "$first/stress" --verify --timeout 8 --oomable --"$1" 2
-    ! grep -q 'fail:' /run/said
+    mkdir -p "$first/stress" &&
+        stress-ng --temp-path "$first/stress" --verify --timeout 8 --oomable --"$1" 2 &&
+        ! grep -q 'fail:' /run/said
 }
 
 part 'git clone' clone

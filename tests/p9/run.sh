@@ -29,10 +29,17 @@ pids=
 stop() {
     # shellcheck disable=SC2086  # a list of process ids
     [ -z "$pids" ] || kill $pids 2>/dev/null || :
+    for guest in "$scratch"/*.pid; do
+        # timeout(1), which ends its guest
+        [ ! -s "$guest" ] || kill "$(cat "$guest")" 2>/dev/null || :
+    done
     wait
     rm -rf "$scratch"
 }
 trap stop EXIT
+trap 'exit 129' HUP
+trap 'exit 130' INT
+trap 'exit 143' TERM
 
 # boot NAME SECONDS [kernel arguments]: a guest that ends by itself; what it says stands in $scratch/NAME.
 boot() {
@@ -43,7 +50,10 @@ boot() {
     HOME=$scratch/$name.state timeout -k 5 "$limit" linux.uml con=null con0=null,fd:1 quiet \
         uml_dir="$scratch/$name.state" root=/dev/root rootfstype=hostfs rootflags=/ ro \
         "init=$here/guest-init.sh" "here=$here" "p9d=$p9d" "arenactl=$arenactl" "$@" \
-        >"$scratch/$name" 2>&1 </dev/null || :
+        >"$scratch/$name" 2>&1 </dev/null &
+    echo $! >"$scratch/$name.pid"
+    wait $! || :
+    rm "$scratch/$name.pid"
 }
 
 # verdict NAME: shows what the guest said, and fails unless it passed.
