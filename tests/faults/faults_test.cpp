@@ -378,6 +378,7 @@ const std::vector<Scenario> kScenarios = {
      openArena(SHARED_ARENA_CREATE | SHARED_ARENA_EXCLUSIVE))), closeArena, "munmap",
      {.spared = "unlink"}},
     {"OpenSharedArena, attaching", makeArenaFile, OPEN(0), closeArena},
+    {"OpenSharedArena, interrupted", makeArenaFile, OPEN(0), closeArena, "", {.error = EINTR}},
     {"CloseSharedArena", makeArena, [] { return closeArena(), kWorked; }, makeArena, "munmap"},
     {"DeleteSharedArena", makeArenaFile, RUN(DeleteSharedArena(scratch.c_str())), makeArenaFile},
     {"ForkSharedArena", makeArena, RUN(ForkSharedArena(arena)), nothing},

@@ -101,7 +101,7 @@ TEST_F(ArenaRace, WhateverComesBetweenTheOpenerEndsOnTheFileAtThePath) {
 }
 
 TEST_F(ArenaRace, AFileThatGoesIsMissingGivenUpOrNotTheOneToDelete) {
-    const int before = openDescriptors();
+    const int before = countOpenDescriptors();
     writeFile(path, std::string(4096, '\0'));
     onceAt(LockMoment::beforeLock, [this] { removed(); });
     EXPECT_EQ(open(0), kSystemError);
@@ -110,7 +110,7 @@ TEST_F(ArenaRace, AFileThatGoesIsMissingGivenUpOrNotTheOneToDelete) {
     flockHook = [this](LockMoment) { removed(); };
     EXPECT_EQ(open(SHARED_ARENA_CREATE), kSystemError);
     EXPECT_EQ(errno, ESTALE);
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(countOpenDescriptors(), before);
 
     flockHook = nullptr;
     writeFile(path, std::string(4096, '\0'));
@@ -167,25 +167,6 @@ TEST_F(ArenaRace, AForkedChildNeverStandsWithoutALock) {
     removed();
     for (const int end : parentIsGone)
         ::close(end);
-}
-
-TEST_F(ArenaRace, AWaitThatACaughtSignalEndsIsReported) {
-    writeFile(path, std::string(4096, '\0'));
-    const int holder = lockedDescriptor(LOCK_EX);
-    struct sigaction ignoring = {};
-    ignoring.sa_handler = [](int) {};
-    ASSERT_EQ(::sigaction(SIGUSR1, &ignoring, nullptr), 0);
-    const pid_t test = ::getpid(), sender = ::fork();
-    // Again and again, since the first may come before the wait.
-    while (sender == 0 && ::kill(test, SIGUSR1) == 0)
-        (void)::poll(nullptr, 0, 1);
-    const int before = openDescriptors();
-    EXPECT_EQ(open(0), kSystemError);
-    EXPECT_EQ(errno, EINTR);
-    EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(::kill(sender, SIGKILL), 0);
-    (void)waitForChild(sender);
-    ::close(holder);
 }
 
 // A handle whose ForkSharedArena failed has no lock, and the file may be taken from it.

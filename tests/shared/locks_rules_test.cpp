@@ -92,7 +92,7 @@ struct Play {
         EXPECT_EQ(answers.size(), batch.size()) << "a worker ended";
         for (size_t i = 0; i < answers.size(); ++i) {
             const TableAnswer expected = model.run(worker.pid(), batch[i]);
-            if (sameAnswer(answers[i], expected)) continue;
+            if (answers[i] == expected) continue;
             ADD_FAILURE() << "table " << describe(worker.pid(), batch[i], answers[i]) << "\n model "
                           << describe(worker.pid(), batch[i], expected);
             return {};

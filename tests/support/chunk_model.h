@@ -3,6 +3,7 @@
 // arena.
 #pragma once
 
+#include "check.h"
 #include "iosched/shared.h"
 
 #include <algorithm>
@@ -15,6 +16,14 @@ struct ModelBlock {
     uint64_t chunkSize;
     std::string name;  // "" when it has none
 };
+
+// Whether the checker found the block as the model has it.
+inline bool isBlock(const HeapBlock &found, const ModelBlock &block) {
+    const bool place = found.offset == block.offset && found.size == block.size;
+    if (block.references == 0) return place && !found.allocated;
+    return place && found.allocated && found.references == block.references &&
+           found.chunkSize == block.chunkSize && found.name == block.name;
+}
 
 class ChunkModel {
 public:

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -40,6 +41,14 @@ int inChild(Scenario scenario, int deadlineMs = 60000) {
         ::_exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     return waitForChild(pid, deadlineMs);
+}
+
+// Descriptors that this process has open. Needs none itself, so that it works when none is left.
+inline int countOpenDescriptors() {
+    int count = 0;
+    for (int fd = 0; fd < 1024; ++fd)
+        count += ::fcntl(fd, F_GETFD) >= 0;
+    return count;
 }
 
 #define EXPECT_CHILD_OK(...) EXPECT_EQ(inChild(__VA_ARGS__), 0)

@@ -5,51 +5,40 @@
 #include "support/lock_table_model.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 
-inline TableAnswer callTable(SharedFileLockTable *table, const TableCall &c) {
-    TableAnswer a = blankAnswer();
-    a.length = c.length;
+inline int codeOfCall(SharedFileLockTable *table, const TableCall &c, TableAnswer &a) {
     switch (c.kind) {
     case TableCall::Open:
-        a.code = OpenSharedFile(table, c.owner, c.handle, &c.key, c.mode, c.maxOpens,
-                                c.name[0] != 0 ? c.name : nullptr, &a.combined);
-        break;
+        return OpenSharedFile(table, c.owner, c.handle, &c.key, c.mode, c.maxOpens,
+                              c.name[0] != 0 ? c.name : nullptr, &a.combined);
     case TableCall::Close:
-        a.code = CloseSharedFile(table, c.owner, c.handle, &c.key);
-        break;
+        return CloseSharedFile(table, c.owner, c.handle, &c.key);
     case TableCall::IsOpen:
-        a.code = SharedFileIsOpen(table, &c.key);
-        break;
+        return SharedFileIsOpen(table, &c.key);
     case TableCall::Info:
-        a.code = SharedFileInfo(table, &c.key, &a.combined, &a.count, a.name, c.nameSize);
-        break;
+        return SharedFileInfo(table, &c.key, &a.combined, &a.count, a.name.data(), c.nameSize);
     case TableCall::Lock:
-        a.code = LockSharedFileRange(table, c.owner, c.handle, &c.key, c.offset, c.length, c.mode);
-        break;
+        return LockSharedFileRange(table, c.owner, c.handle, &c.key, c.offset, c.length, c.mode);
     case TableCall::Unlock:
-        a.code = UnlockSharedFileRange(table, c.owner, c.handle, &c.key, c.offset, c.length);
-        break;
+        return UnlockSharedFileRange(table, c.owner, c.handle, &c.key, c.offset, c.length);
     case TableCall::Test:
-        a.code = TestSharedFileRange(table, c.owner, c.handle, &c.key, c.offset, &a.length, c.mode);
-        break;
+        return TestSharedFileRange(table, c.owner, c.handle, &c.key, c.offset, &a.length, c.mode);
     case TableCall::Holders:
-        a.code = GetOplockHolders(table, &c.key, a.pids, c.maxOpens, &a.count);
-        break;
+        return GetOplockHolders(table, &c.key, a.pids.data(), c.maxOpens, &a.count);
     case TableCall::SetMode:
-        a.code = SetSharedFileMode(table, c.owner, c.handle, &c.key, c.mode);
-        break;
+        return SetSharedFileMode(table, c.owner, c.handle, &c.key, c.mode);
     case TableCall::Clean:
-        a.code = CleanSharedFileLockTable(table, static_cast<int32_t>(c.mode));
-        break;
+        return CleanSharedFileLockTable(table, static_cast<int32_t>(c.mode));
     }
-    return a;
+    std::abort();
 }
 
-inline bool sameAnswer(const TableAnswer &a, const TableAnswer &b) {
-    return a.code == b.code && a.combined == b.combined && a.count == b.count &&
-           a.length == b.length && std::equal(std::begin(a.pids), std::end(a.pids), b.pids) &&
-           std::equal(std::begin(a.name), std::end(a.name), b.name);
+inline TableAnswer callTable(SharedFileLockTable *table, const TableCall &call) {
+    TableAnswer answer = blankAnswer(call);
+    answer.code = codeOfCall(table, call, answer);
+    return answer;
 }
 
 // Every bit that means something turns up, the refusing ones more seldom than the others. below(n)

@@ -5,7 +5,9 @@
 #include "iosched/shared.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -60,15 +62,16 @@ struct TableAnswer {
     int code;
     uint32_t combined, count;
     int64_t length;
-    uint32_t pids[4];
-    char name[40];
+    std::array<uint32_t, 4> pids;
+    std::array<char, 40> name;
+    bool operator==(const TableAnswer &) const = default;
 };
 
 // The outputs as they are before every call, so that what must not be written shows.
-inline TableAnswer blankAnswer() {
-    TableAnswer answer{-1, 0xC0C0C0C0u, 0xC1C1C1C1u, 0, {}, {}};
-    std::fill(std::begin(answer.pids), std::end(answer.pids), 0xC2C2C2C2u);
-    std::fill(std::begin(answer.name), std::end(answer.name), '#');
+inline TableAnswer blankAnswer(const TableCall &call) {
+    TableAnswer answer{-1, 0xC0C0C0C0u, 0xC1C1C1C1u, call.length, {}, {}};
+    answer.pids.fill(0xC2C2C2C2u);
+    answer.name.fill('#');
     return answer;
 }
 
@@ -79,46 +82,39 @@ public:
     const std::vector<ModelFile> &files() const { return files_; }
 
     TableAnswer run(uint32_t pid, const TableCall &call) {
-        TableAnswer answer = blankAnswer();
-        answer.length = call.length;
-        const ModelRecord caller{pid, call.owner, call.handle, false, 0, 0, call.mode};
-        ModelFile *file = find(call.key);
-        switch (call.kind) {
-        case TableCall::Open:
-            answer.code = open(file, caller, call, answer);
-            break;
-        case TableCall::Close:
-            answer.code = close(file, caller);
-            break;
-        case TableCall::IsOpen:
-            answer.code = file != nullptr;
-            break;
-        case TableCall::Info:
-            answer.code = info(file, call, answer);
-            break;
-        case TableCall::Lock:
-            answer.code = lock(file, withRange(caller, call));
-            break;
-        case TableCall::Unlock:
-            answer.code = unlock(file, withRange(caller, call));
-            break;
-        case TableCall::Test:
-            answer.code = test(file, withRange(caller, call), answer);
-            break;
-        case TableCall::Holders:
-            answer.code = holders(file, call, answer);
-            break;
-        case TableCall::SetMode:
-            answer.code = setMode(file, caller);
-            break;
-        case TableCall::Clean:
-            answer.code = clean(call.mode);
-            break;
-        }
+        TableAnswer answer = blankAnswer(call);
+        answer.code = codeOf(pid, call, answer);
         return answer;
     }
 
 private:
+    int codeOf(uint32_t pid, const TableCall &call, TableAnswer &answer) {
+        const ModelRecord caller{pid, call.owner, call.handle, false, 0, 0, call.mode};
+        ModelFile *file = find(call.key);
+        switch (call.kind) {
+        case TableCall::Open:
+            return open(file, caller, call, answer);
+        case TableCall::Close:
+            return close(file, caller);
+        case TableCall::IsOpen:
+            return file != nullptr;
+        case TableCall::Info:
+            return info(file, call, answer);
+        case TableCall::Lock:
+            return lock(file, withRange(caller, call));
+        case TableCall::Unlock:
+            return unlock(file, withRange(caller, call));
+        case TableCall::Test:
+            return test(file, withRange(caller, call), answer);
+        case TableCall::Holders:
+            return holders(file, call, answer);
+        case TableCall::SetMode:
+            return setMode(file, caller);
+        case TableCall::Clean:
+            return clean(call.mode);
+        }
+        std::abort();
+    }
     ModelFile *find(const SharedFileKey &key) {
         for (ModelFile &file : files_)
             if (file.key.word0 == key.word0 && file.key.word1 == key.word1) return &file;
@@ -170,7 +166,7 @@ private:
             } else if (!ownerLetsIn(*file, caller, mode)) {
                 return SHARED_ERR_DENIED;
             }
-            answer.combined = blankAnswer().combined;
+            answer.combined = blankAnswer(call).combined;
         }
         if (file == nullptr && files_.size() == entries_) return SHARED_ERR_NOLOCKS;
         if (recordsAreOut()) {
@@ -203,7 +199,7 @@ private:
         padded.resize(32, '\0');
         if (call.nameSize != 0) {
             const std::string part = padded.substr(0, call.nameSize - 1);
-            std::copy(part.begin(), part.end(), answer.name);
+            std::copy(part.begin(), part.end(), answer.name.begin());
             answer.name[part.size()] = '\0';
         }
         return 0;

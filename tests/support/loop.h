@@ -4,8 +4,8 @@
 
 #include "iosched/procs.h"
 #include "iosched/sched.h"
+#include "support/in_child.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
@@ -71,15 +71,6 @@ inline pid_t signalWhenAsleep(int sig) {
     if (pid != 0) return pid;
     awaitState(target, 'S');
     ::_exit(::kill(target, sig));
-}
-
-inline int countOpenDescriptors() {
-    int count = -1;  // the directory's own
-    DIR *dir = ::opendir("/proc/self/fd");
-    while (const dirent *entry = ::readdir(dir))
-        if (entry->d_name[0] != '.') ++count;
-    ::closedir(dir);
-    return count;
 }
 
 // With this as the limit of descriptors no further one can be opened.

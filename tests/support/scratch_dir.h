@@ -47,11 +47,3 @@ inline off_t fileSize(const std::string &path) {
     struct stat status;
     return ::stat(path.c_str(), &status) == 0 ? status.st_size : -1;
 }
-
-// Descriptors that this process has open.
-inline int openDescriptors() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd)
-        if (::fcntl(fd, F_GETFD) >= 0) ++count;
-    return count;
-}

@@ -3,6 +3,7 @@
 
 #include "check.h"
 #include "iosched/shared.h"
+#include "support/chunk_model.h"
 #include "support/scratch_dir.h"
 
 class TestArena : public ::testing::Test {
@@ -49,6 +50,10 @@ protected:
     // What the checker finds wrong with it, "" when it is sound.
     std::string fault() const { return checkArena(bytes()); }
     std::vector<HeapBlock> blocks() const { return readArena(bytes()).blocks; }
+    bool holds(const std::vector<ModelBlock> &expected) const {
+        const std::vector<HeapBlock> found = blocks();
+        return std::equal(found.begin(), found.end(), expected.begin(), expected.end(), isBlock);
+    }
 
     ScratchDir dir;
     std::string path = dir / "arena";

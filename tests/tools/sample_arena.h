@@ -70,14 +70,15 @@ public:
         loner = allocate(nullptr, 400);
         spare = allocate("spare\n", 100);
         EXPECT_EQ(FreeSharedChunk(arena, hole), 0u);
-        const Opener first{table, 7, 1}, second{table, 7, 2};
-        (void)first.open(kReport, SHARED_FILE_READ | SHARED_FILE_DENY_DELETE, 5,
-                         "report \"1\".txt");
-        (void)second.open(kReport, SHARED_FILE_READ | SHARED_FILE_WRITE);
-        (void)second.lock(kReport, 0, 100, SHARED_FILE_LOCK_EXCLUSIVE);
-        (void)first.lock(kReport, 500, -1, SHARED_FILE_LOCK_SHARED);
-        (void)Opener{table, 9, 1}.open(kLedger, SHARED_FILE_READ | SHARED_FILE_OPLOCK_BATCH, 0,
-                                       "\x80ledger");
+        uint32_t modes = 0;
+        (void)OpenSharedFile(table, 7, 1, &kReport, SHARED_FILE_READ | SHARED_FILE_DENY_DELETE, 5,
+                             "report \"1\".txt", &modes);
+        (void)OpenSharedFile(table, 7, 2, &kReport, SHARED_FILE_READ | SHARED_FILE_WRITE, 0,
+                             nullptr, &modes);
+        (void)LockSharedFileRange(table, 7, 2, &kReport, 0, 100, SHARED_FILE_LOCK_EXCLUSIVE);
+        (void)LockSharedFileRange(table, 7, 1, &kReport, 500, -1, SHARED_FILE_LOCK_SHARED);
+        (void)OpenSharedFile(table, 9, 1, &kLedger, SHARED_FILE_READ | SHARED_FILE_OPLOCK_BATCH, 0,
+                             "\x80ledger", &modes);
     }
     // The table is left to the arena, whose mutex nobody may release any more.
     ~SampleArena() { std::free(table); }

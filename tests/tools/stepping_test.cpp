@@ -56,21 +56,24 @@ struct Lab : SampleArena {
         }
     }
     void open(const SharedFileKey &key, uint32_t mode = kReadWrite, uint32_t handle = 1) const {
-        (void)Opener{table, 5, handle}.open(key, mode, 9, "a/name/of/some/length");
+        uint32_t modes = 0;
+        (void)OpenSharedFile(table, 5, handle, &key, mode, 9, "a/name/of/some/length", &modes);
     }
     void lock(const SharedFileKey &key, int64_t offset, uint32_t handle = 1) const {
-        (void)Opener{table, 5, handle}.lock(key, 2000 + offset, 10, SHARED_FILE_LOCK_SHARED);
+        (void)LockSharedFileRange(table, 5, handle, &key, 2000 + offset, 10,
+                                  SHARED_FILE_LOCK_SHARED);
     }
     void unlock(const SharedFileKey &key, int64_t offset, uint32_t handle = 1) const {
-        (void)Opener{table, 5, handle}.unlock(key, 2000 + offset, 10);
+        (void)UnlockSharedFileRange(table, 5, handle, &key, 2000 + offset, 10);
     }
-    void close(const SharedFileKey &key) const { (void)Opener{table, 5, 1}.close(key); }
+    void close(const SharedFileKey &key) const { (void)CloseSharedFile(table, 5, 1, &key); }
     void giveBack(void *chunk) const { (void)FreeSharedChunk(arena, chunk); }
     void lookAround() const {
-        uint32_t pids[4], opens = 0;
-        (void)opensOf(table, kOurs);
+        uint32_t pids[4], modes = 0, opens = 0;
+        int64_t length = 100;
+        (void)SharedFileInfo(table, &kOurs, &modes, &opens, nullptr, 0);
         (void)GetOplockHolders(table, &kOurs, pids, 4, &opens);
-        (void)Opener{table, 5, 1}.reach(kOurs, 0, 100, SHARED_FILE_TEST_WRITE);
+        (void)TestSharedFileRange(table, 5, 1, &kOurs, 0, &length, SHARED_FILE_TEST_WRITE);
         (void)SharedFileIsOpen(table, &kNew);
     }
     void makeYoung() { (void)AllocateSharedFileLockTable(arena, "young", 1, 2, 3, &young); }
@@ -114,9 +117,7 @@ std::vector<Operation> operationsOn(Lab &lab) {
          [&] { lab.open(kNew), lab.lock(kNew, 5, 2), lab.close(kNew); },
          [&] { lab.unlock(kNew, 5, 2); }},
         {"change of mode", open(kOurs),
-         [&] {
-             (void)Opener{lab.table, 5, 1}.setMode(kOurs, 1);
-         }},
+         [&] { (void)SetSharedFileMode(lab.table, 5, 1, &kOurs, 1); }},
         {"clean", nothing,
          [&] { (void)CleanSharedFileLockTable(lab.table, static_cast<int>(lab.ghost)); }},
         {"looks", nothing, [&] { lab.lookAround(); }},

@@ -48,14 +48,13 @@ size_t placeToHit(const std::string &bytes, std::mt19937 *random) {
 
 // Opens, locks, unlocks and closes files without end, as servers in a hurry would.
 [[noreturn]] void hammer(SharedFileLockTable *table, uint32_t seed) {
-    const Opener server{table, seed, seed + 1};
-    for (uint32_t i = seed;; i++) {
+    for (uint32_t i = seed, modes = 0;; i++) {
         const SharedFileKey key{0x801, i % 5};
-        (void)server.open(key, SHARED_FILE_READ, 0, "busy");
-        (void)server.lock(key, i % 100, 10, i % 3);
-        (void)server.setMode(key, SHARED_FILE_READ | SHARED_FILE_WRITE);
-        (void)server.unlock(key, i % 100, 10);
-        (void)server.close(key);
+        (void)OpenSharedFile(table, seed, 1, &key, SHARED_FILE_READ, 0, "busy", &modes);
+        (void)LockSharedFileRange(table, seed, 1, &key, i % 100, 10, i % 3);
+        (void)SetSharedFileMode(table, seed, 1, &key, SHARED_FILE_READ | SHARED_FILE_WRITE);
+        (void)UnlockSharedFileRange(table, seed, 1, &key, i % 100, 10);
+        (void)CloseSharedFile(table, seed, 1, &key);
     }
 }
 
