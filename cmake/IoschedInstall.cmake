@@ -64,7 +64,8 @@ foreach(section 1 3 7 8)
 endforeach()
 
 file(GLOB example_programs CONFIGURE_DEPENDS examples/*.c)
-install(FILES ${example_programs} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+install(FILES ${example_programs} examples/filed/filed.service examples/filed/filed.socket
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
 
 # A page for every exported function, out of the headers' comments; without Python there are none.
 find_package(Python3 COMPONENTS Interpreter)

@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <string>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 // Hands out the input piece by piece; zeros when it is used up.
@@ -41,6 +43,25 @@ inline void require(bool holds, const char *rule) {
     std::fprintf(stderr, "broken: %s\n", rule);
     std::abort();
 }
+
+// A directory of this process's own for servers to work in; gone at its end.
+class FuzzDirectory {
+public:
+    FuzzDirectory() { require(::mkdtemp(path_) != nullptr, "there is a directory"); }
+    ~FuzzDirectory() { std::filesystem::remove_all(path_); }
+    FuzzDirectory(const FuzzDirectory &) = delete;
+    FuzzDirectory &operator=(const FuzzDirectory &) = delete;
+
+    int open() const { return ::open(path_, O_PATH | O_DIRECTORY | O_CLOEXEC); }
+    void empty() const {
+        for (const auto &entry : std::filesystem::directory_iterator(path_))
+            std::filesystem::remove_all(entry);
+        require(::chmod(path_, 0700) == 0, "the directory is as it was");
+    }
+
+private:
+    char path_[32] = "/tmp/iosched-fuzz.XXXXXX";
+};
 
 // An arena in a memory file that every input starts over from nothing.
 class FuzzArena {

@@ -4,6 +4,7 @@
 #include "common/options.h"
 #include "filed.h"
 #include "prefork/accepting.h"
+#include "prefork/manager.h"
 #include "worker.h"
 
 #include <cstdlib>
@@ -11,8 +12,6 @@
 #include <iosched/util.h>
 #include <string>
 #include <unistd.h>
-
-Settings settings;
 
 namespace {
 
@@ -70,11 +69,13 @@ int main(int argc, char **argv) {
     parseOptions(argc, argv);
     worker::rootFd = open(settings.root, O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (worker::rootFd < 0) giveUp("open the directory", settings.root);
-    worker::listenSocket = listenOnLoopback(&settings.port);
+    worker::listenSocket = listenSocketOfManager(&settings.port);
+    if (worker::listenSocket < 0) worker::listenSocket = listenOnLoopback(&settings.port);
     if (worker::listenSocket < 0) giveUp("listen on port", std::to_string(settings.port));
     service.port = settings.port;
-    service.offer =
-        std::string("serving ") + settings.root + " on 127.0.0.1:" + std::to_string(service.port);
+    service.offer = std::string("serving ") + settings.root + " on " +
+                    (service.port > 0 ? "127.0.0.1:" + std::to_string(service.port)
+                                      : "the service manager's socket");
     service.mayServe = mayServe;
     service.begin = beginAccepting;
     service.leave = stopAccepting;

@@ -1,6 +1,9 @@
 #include "worker.h"
 #include "connection.h"
+#include "filed.h"
 #include "prefork/accepting.h"
+
+Settings settings;
 
 namespace worker {
 int listenSocket = -1;

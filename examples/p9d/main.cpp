@@ -9,6 +9,7 @@
 #include "p9d.h"
 #include "prefork/accepting.h"
 #include "prefork/life.h"
+#include "prefork/manager.h"
 
 #include <cerrno>
 #include <cstring>
@@ -123,8 +124,12 @@ int main(int argc, char **argv) {
     const char *directory = parseOptions(argc, argv);
     rootFd = open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (rootFd < 0) giveUp("open the directory", directory);
-    listener = socketPath ? listenOnSocket() : listenOnLoopback(&port);
-    const std::string where = socketPath ? socketPath : "127.0.0.1:" + std::to_string(port);
+    listener = listenSocketOfManager(&port);
+    const bool isPassed = listener >= 0;
+    if (!isPassed) listener = socketPath ? listenOnSocket() : listenOnLoopback(&port);
+    const std::string where = isPassed && port == 0 ? "the service manager's socket"
+                              : socketPath          ? socketPath
+                                                    : "127.0.0.1:" + std::to_string(port);
     if (listener < 0) giveUp("listen on", where);
     service.offer = std::string("serving ") + directory + " on " + where;
     service.port = socketPath ? 0 : port;

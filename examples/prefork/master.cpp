@@ -13,6 +13,7 @@
 #include "background.h"
 #include "care.h"
 #include "life.h"
+#include "manager.h"
 #include "service.h"
 #include "share.h"
 
@@ -204,6 +205,7 @@ void startWorkers() {
 
 void onHangup(int) {
     if (stopping) return;
+    reopenLog();
     logLine("replacing %zu workers, one at a time", seats.size());
     bool underWay = false;
     toReplace.clear();
@@ -222,6 +224,7 @@ void onKillWanted(int) {
 
 void onStop(int sig) {
     logLine("stopping on signal %d", sig);
+    tellManager("STOPPING=1");
     stopService();
 }
 
@@ -242,7 +245,10 @@ void onWorkerReady(int) {
         if (!worker.slot->accepting) return;
     if (workers.size() < seats.size()) return;
     serving = writePidFile();
-    if (serving) return nowServing();
+    if (serving) {
+        tellManager("READY=1");
+        return nowServing();
+    }
     failStart(std::string(service.pidFile) + ": " + strerror(errno));
 }
 

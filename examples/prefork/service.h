@@ -4,7 +4,7 @@
 // What every such server needs is in this directory; a server brings the calls below, and what its
 // workers do with their clients. Reading order: start.cpp, identity.cpp and background.cpp (from a
 // command line to a service), share.cpp (what the processes have in common), accepting.cpp (where
-// clients come from), master.cpp (who starts and replaces the workers), care.cpp and errand.cpp
+// clients come from), manager.cpp (sockets from a service manager), master.cpp (who starts and replaces the workers), care.cpp and errand.cpp
 // (who looks after the lock table), life.cpp (a worker's side). ../filed is a server made of it.
 #pragma once
 
@@ -61,8 +61,8 @@ constexpr char kServiceUsage[] =
     "  -A FILE  the program that repairs the arena (arenactl, as PATH finds it)\n"
     "  --stop-stalled  kill a worker that has kept a mutex for 2 s\n"
     "  --help, --version\n"
-    "Signals: TERM and INT end the server, HUP replaces the workers one at a time,\n"
-    "USR2 kills one worker (for trials).\n";
+    "Signals: TERM and INT end the server, HUP opens the log anew and replaces the\n"
+    "workers one at a time, USR2 kills one worker (for trials).\n";
 
 // Takes one of them. Ends the program at a bad value, and at a letter that is none of them.
 void takeServiceOption(const Options &options, int letter, const char *value);
@@ -75,6 +75,10 @@ int runService();
 // Ends the program with status 1 and errno's reason in the log: "cannot open the directory /srv:
 // ...".
 [[noreturn]] void giveUp(const char *what, const std::string &which);
+
+// Opens the log file again by its name, since somebody may have moved it. Where that fails, the old
+// one goes on and says so. The workers that there are keep theirs.
+void reopenLog();
 
 // Writes one line with time and process id.
 __attribute__((format(printf, 1, 2))) void logLine(const char *format, ...);

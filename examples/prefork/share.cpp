@@ -1,4 +1,5 @@
 #include "share.h"
+#include "arenactl/result_words.h"
 #include "service.h"
 
 #include <algorithm>
@@ -61,6 +62,12 @@ SharedMutex *tableMutex() {
     return static_cast<SharedMutex *>(share.table->header);
 }
 
+// A result code with what it means.
+static std::string inWords(uint32_t code) {
+    const ResultWords *words = wordsOfResult(code);
+    return "code " + std::to_string(code) + (words ? std::string(" (") + words->meaning + ")" : "");
+}
+
 bool openShare() {
     const int processes = 2 * service.workers;  // old and new workers at a restart
     const int locks = processes * service.locksPerWorker;
@@ -73,7 +80,8 @@ bool openShare() {
     uint32_t code =
         OpenSharedArena(service.arenaPath, SHARED_ARENA_CREATE, 0600, size, &share.arena);
     if (code != 0) {
-        logLine("cannot open the arena %s: code %u, %s", service.arenaPath, code, strerror(errno));
+        logLine("cannot open the arena %s: %s, %s", service.arenaPath, inWords(code).c_str(),
+                strerror(errno));
         return false;
     }
     struct stat info;
@@ -85,7 +93,7 @@ bool openShare() {
         AllocateSharedFileLockTable(share.arena, tableName(service.name).c_str(), processes,
                                     service.filesPerWorker, locks, &share.table));
     if (code != 0 || !openBoard()) {
-        logLine("cannot set up the arena %s: code %u", service.arenaPath, code);
+        logLine("cannot set up the arena %s: %s", service.arenaPath, inWords(code).c_str());
         return abandonArena();
     }
     // A second master on the same arena would find the first one's board; workers of both would

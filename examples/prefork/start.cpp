@@ -7,6 +7,7 @@
 #include "common/options.h"
 #include "errand.h"
 #include "identity.h"
+#include "manager.h"
 #include "master.h"
 #include "service.h"
 
@@ -21,6 +22,12 @@
 #include <unistd.h>
 
 Service service;
+
+namespace {
+
+constexpr int kLogFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+
+}  // namespace
 
 void logLine(const char *format, ...) {
     char message[400];
@@ -86,12 +93,17 @@ void takeServiceOption(const Options &options, int letter, const char *value) {
 
 namespace {
 
+std::string logPath;  // absolute: in the background the working directory is another one
+
 // The log of a server in the background goes nowhere unless a file is named.
 int openLog() {
     if (!service.background && !service.logFile) return -1;
     const char *path = service.logFile ? service.logFile : "/dev/null";
-    const int log = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    const int log = open(path, kLogFlags, 0600);
     if (log < 0) giveUp("open the log", path);
+    char *const absolute = realpath(path, nullptr);
+    if (service.logFile && absolute) logPath = absolute;
+    free(absolute);
     return log;
 }
 
@@ -110,8 +122,18 @@ bool redirect(int log) {
 
 }  // namespace
 
+void reopenLog() {
+    if (logPath.empty()) return;
+    const int log = open(logPath.c_str(), kLogFlags, 0600);
+    if (log < 0 || dup2(log, STDERR_FILENO) < 0)
+        logLine("cannot open the log %s anew: %s; this one goes on", logPath.c_str(),
+                strerror(errno));
+    if (log >= 0) (void)close(log);
+}
+
 int runService() {
     if (!service.user && geteuid() == 0) service.user = "nobody";
+    findManager();
     findRepairTool();
     const int log = openLog();
     if (service.user && !becomeUser(service.user)) return 1;

@@ -79,7 +79,7 @@ def said_by(*words):
 
 
 class Server:
-    def __init__(self, *options, prepare=None, background=False):
+    def __init__(self, *options, prepare=None, environment=None, descriptors=()):
         self.dir = tempfile.mkdtemp(prefix="iosched-filed.")
         self.root, self.arena, self.log, self.pidFile = (os.path.join(self.dir, name)
                                                          for name in ("root", "arena", "log", "pid"))
@@ -95,10 +95,12 @@ class Server:
                 prepare()
 
         self.process = subprocess.Popen(words, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
-                                        preexec_fn=prepared)
+                                        preexec_fn=prepared, pass_fds=descriptors,
+                                        env={**os.environ, **(environment or {})})
         said = self.process.stdout.readline().decode()
         assert "127.0.0.1:" in said, said + self.logged()
         self.port = int(said.rsplit(":", 1)[1])
+        self.said = said
 
     def __enter__(self):
         return self
@@ -618,6 +620,53 @@ class FiledProcesses(unittest.TestCase):
             self.assertTrue(os.path.exists(server.pidFile))
             play(server, "1> OPEN read,create f => OK *")
             self.assertEqual(server.stop(), 0)
+
+    def test_a_service_manager_passes_the_socket_and_hears_of_start_and_end(self):
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        name = "iosched-filed-%d" % os.getpid()
+        manager.bind("\0" + name)
+        manager.settimeout(DEADLINE)
+        listener = socket.create_server(("127.0.0.1", 0))
+        port = listener.getsockname()[1]
+
+        # The process id is known in the child alone, so a shell says it.
+        global filed
+        plain = filed
+        script = os.path.join(tempfile.mkdtemp(prefix="iosched-filed."), "start")
+        self.addCleanup(shutil.rmtree, os.path.dirname(script))
+        with open(script, "w") as file:
+            file.write("#!/bin/sh\nLISTEN_PID=$$ exec '%s' \"$@\"\n" % plain)
+        os.chmod(script, 0o755)
+        filed = script
+        try:
+            server = Server("-w", "1", "-R", prepare=lambda: os.dup2(listener.fileno(), 3),
+                            environment={"LISTEN_FDS": "1", "LISTEN_FDNAMES": "filed", "NOTIFY_SOCKET": "@" + name},
+                            descriptors=(3, listener.fileno()))
+        finally:
+            filed = plain
+        with server:
+            self.assertEqual(server.port, port)
+            self.assertEqual(manager.recv(100), b"READY=1")
+            play(server, """
+                1> RUN env | grep -cE '^(LISTEN|NOTIFY)' => DATA 2
+                1< 0
+                1<
+                1< OK exit 1""")
+            self.assertEqual(server.stop(), 0)
+            self.assertEqual(manager.recv(100), b"STOPPING=1")
+        manager.close()
+        listener.close()
+
+    def test_a_log_that_was_moved_is_opened_anew_at_a_hangup(self):
+        with Server("-w", "1") as server:
+            before = server.workers()
+            os.rename(server.log, server.log + ".1")
+            server.process.send_signal(signal.SIGHUP)
+            until(lambda: not before & server.workers(), "a new worker")
+            server.wait_for_log("replacing 1 workers")
+            self.assertEqual(server.stop(), 0)
+            self.assertIn("ended:", server.logged())
+            self.assertNotIn("replacing", read(server.log + ".1"))
 
     def test_in_the_background_it_serves_and_ends_like_any_other(self):
         with Server("-w", "2", "-D") as server:
