@@ -3,6 +3,7 @@
 
 Everything waits for events, with a deadline: a reply, the end of a connection, the end of a process.
 """
+import contextlib
 import ctypes
 import fcntl
 import fnmatch
@@ -109,7 +110,12 @@ class Server:
         if self.process.returncode is None:
             self.process.kill()
             self.process.wait()
+            if os.path.exists(self.pidFile):
+                os.unlink(self.pidFile)
         self.process.stdout.close()
+        if os.path.exists(self.pidFile):  # one in the background, whose test has failed
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(int(read(self.pidFile).split()[0]), signal.SIGTERM)
         if kind:
             print(self.logged(), file=sys.stderr)
         shutil.rmtree(self.dir, ignore_errors=True)
