@@ -1,13 +1,33 @@
-// GetFSInfo with a kernel played by the test: figures, types and quota interfaces that the kernel
-// at hand does not have.
-#include "util/own_mounts.h"
+// GetFSInfo with a kernel played by the test: figures, types and quota interfaces that the kernel at
+// hand does not have. The mount-point cache, with a mount table written by the test. And a kernel
+// that really keeps quotas, where there is one.
+//
+// What mounts runs in a child with a mount namespace of its own and an empty tmpfs as its directory
+// of temporary files, so that everything it makes goes away with it, loop devices included. A
+// scenario that this machine cannot run ends its child through skipScenario(), and the test is
+// skipped.
+#include "support/in_child.h"
 #include "util/util_internal.h"
 
-#include <fcntl.h>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <sys/mount.h>
 #include <sys/quota.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 
 namespace {
+
+// Allocations fail for the calls whose bit is set, the next call's bit being the lowest.
+unsigned failingCallocs = 0, failingStrdups = 0;
+
+bool failsNow(unsigned *calls) {
+    const bool fails = (*calls & 1) != 0;
+    *calls >>= 1;
+    return fails;
+}
 
 // What fstatfs answers; unless it is set, the real one does.
 const struct statfs *playedFigures = nullptr;
@@ -27,6 +47,14 @@ std::string playedBlock;  // empty: the call fails
 
 // The linker sends this program's calls through here, the library's included.
 extern "C" {
+void *__real_calloc(size_t count, size_t size);
+void *__wrap_calloc(size_t count, size_t size) {
+    return failsNow(&failingCallocs) ? nullptr : __real_calloc(count, size);
+}
+char *__real_strdup(const char *text);
+char *__wrap_strdup(const char *text) {
+    return failsNow(&failingStrdups) ? nullptr : __real_strdup(text);
+}
 int __real_fstatfs(int fd, struct statfs *fs);
 int __wrap_fstatfs(int fd, struct statfs *fs) {
     if (playedFigures == nullptr) return __real_fstatfs(fd, fs);
@@ -47,6 +75,66 @@ namespace {
 
 constexpr uid_t kUser = 54321;
 constexpr uint64_t kExt4 = 0xef53;
+constexpr int kSkippedStatus = 77;
+
+[[noreturn]] void skipScenario(const char *what) {
+    std::fprintf(stderr, "%s: %s\n", what, std::strerror(errno));
+    ::_exit(kSkippedStatus);
+}
+
+void mountTmpfs(const std::string &place) {
+    if (::mount("tmpfs", place.c_str(), "tmpfs", 0, "size=64m") != 0) skipScenario("no tmpfs");
+}
+
+// A user namespace serves where the tests do not run as root: there, mounts of one's own are
+// allowed.
+bool enterOwnNamespace() {
+    const uid_t uid = ::geteuid();
+    if (uid == 0) return ::unshare(CLONE_NEWNS) == 0;
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
+    return ::geteuid() == 0;
+}
+
+// The last statement of a test: runs the scenario among mounts of its own.
+template <class Scenario>
+void runWithOwnMounts(Scenario scenario) {
+    const int status = inChild([&] {
+        if (!enterOwnNamespace() ||
+            ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            skipScenario("no mount namespace");
+        mountTmpfs(::testing::TempDir());
+        scenario();
+    });
+    if (status == kSkippedStatus << 8) GTEST_SKIP() << "for the reason above";
+    EXPECT_EQ(status, 0);
+}
+
+std::string newDirectory(const std::string &name) {
+    const std::string path = ::testing::TempDir() + name;
+    EXPECT_EQ(::mkdir(path.c_str(), 0755), 0);
+    return path;
+}
+
+std::string newTmpfs(const std::string &name) {
+    const std::string place = newDirectory(name);
+    mountTmpfs(place);
+    return place;
+}
+
+const char *deviceAt(const std::string &place) {
+    struct stat file {};
+    EXPECT_EQ(::stat(place.c_str(), &file), 0);
+    return findMountedDevice(file.st_dev);
+}
+
+// Makes such lines the mount table; before, /etc is to be a tmpfs.
+void writeMountTable(std::initializer_list<std::pair<const char *, std::string>> lines) {
+    std::ofstream table("/etc/mtab");
+    for (const auto &[device, place] : lines)
+        table << device << " " << place << " tmpfs rw 0 0\n";
+}
 
 bool operator==(const FSInfo &a, const FSInfo &b) {
     return std::memcmp(&a, &b, offsetof(FSInfo, flags) + sizeof a.flags) == 0;
@@ -56,11 +144,8 @@ struct statfs figures(uint64_t type) {
     struct statfs fs {};
     fs.f_type = static_cast<decltype(fs.f_type)>(type);
     fs.f_bsize = 4096;
-    fs.f_blocks = 10000;
-    fs.f_bfree = 9500;
-    fs.f_bavail = 9000;
-    fs.f_files = 800;
-    fs.f_ffree = 700;
+    fs.f_blocks = 10000, fs.f_bfree = 9500, fs.f_bavail = 9000;
+    fs.f_files = 800, fs.f_ffree = 700;
     return fs;
 }
 
@@ -73,15 +158,10 @@ FSInfo infoOf(const struct statfs &fs, const char *path = nullptr, int options =
 }
 
 // The figures above as an unlimited caller gets them, and under a quota of blocks and files.
-FSInfo expectedInfo(uint64_t freeBlocks = 9000, uint64_t totalBlocks = 10000,
-                    uint64_t freeFiles = 700, uint64_t totalFiles = 800,
-                    uint64_t blockSize = 4096) {
-    const bool limited = totalBlocks != 10000 || totalFiles != 800;
-    return {blockSize,   freeBlocks,
-            totalBlocks, freeFiles,
-            totalFiles,  9000,
-            10000,       700,
-            800,         FSINFO_DISK_FS | (limited ? FSINFO_QUOTA : 0)};
+FSInfo expectedInfo(uint64_t freeBlocks = 9000, uint64_t blocks = 10000, uint64_t freeFiles = 700,
+                    uint64_t files = 800, uint64_t blockSize = 4096) {
+    const uint32_t flags = FSINFO_DISK_FS | (blocks != 10000 || files != 800 ? FSINFO_QUOTA : 0);
+    return {blockSize, freeBlocks, blocks, freeFiles, files, 9000, 10000, 700, 800, flags};
 }
 
 TEST(GetFSInfo, FiguresAreTheFileSystemsAndFreeBlocksBelowZeroCountAsNone) {
@@ -116,21 +196,16 @@ TEST(GetFSInfo, DescriptorIsQueriedBeforeThePathAndNeedsNone) {
 }
 
 TEST(GetFSInfo, FailureReportsTheQuerysErrorAndLeavesTheRecord) {
-    FSInfo info, untouched;
-    std::memset(&info, 0x5a, sizeof info);
-    untouched = info;
-    const struct {
-        int fd;
-        const char *path;
-        int error;
-    } cases[] = {
-        {-1, "/no/such/place", ENOENT}, {-1, "", ENOENT}, {-1, nullptr, EFAULT}, {-2, "/", EBADF}};
-    for (const auto &failing : cases) {
-        errno = 0;
-        EXPECT_EQ(GetFSInfo(failing.fd, failing.path, 0, &info), -1);
-        EXPECT_EQ(errno, failing.error);
-        EXPECT_TRUE(info == untouched);
-    }
+    FSInfo info = expectedInfo();
+    const auto expectError = [&info](int error, int fd, const char *path) {
+        EXPECT_EQ(GetFSInfo(fd, path, 0, &info), -1);
+        EXPECT_EQ(errno, error);
+        EXPECT_TRUE(info == expectedInfo());
+    };
+    expectError(ENOENT, -1, "/no/such/place");
+    expectError(EFAULT, -1, nullptr);
+    expectError(ENOENT, -1, "");
+    expectError(EBADF, -2, "/");
 }
 
 // Soft limits of 1 take no part.
@@ -150,8 +225,8 @@ template <class Scenario>
 void withPlayedQuotas(bool currentInterface, Scenario scenario) {
     runWithOwnMounts([&] {
         const std::string place = newTmpfs("place");
-        hideEtc();
-        writeMountTable("/dev/played " + place + " tmpfs rw 0 0\n");
+        mountTmpfs("/etc");
+        writeMountTable({{"/dev/played", place}});
         mountTmpfs("/proc/sys/fs");
         if (currentInterface) (void)::mkdir("/proc/sys/fs/quota", 0755);
         ASSERT_EQ(::seteuid(kUser), 0);
@@ -176,11 +251,8 @@ void expectQuota(const Block &answer, uint32_t command, const FSInfo &byDefault,
     });
 }
 
-TEST(GetFSInfo, CurrentQuotaInterfaceIsAskedWhereItIsPresent) {
+TEST(GetFSInfo, CurrentQuotaInterfaceIsAskedWhereItIsPresentAndElsewhereTheOldOne) {
     expectQuota(current(1000, 500000), 0x80000700, expectedInfo(127, 250), expectedInfo(877, 1000));
-}
-
-TEST(GetFSInfo, OldQuotaInterfaceIsAskedElsewhere) {
     expectQuota(old(1000, 400), 0x30000, expectedInfo(75, 125), expectedInfo(600, 1000));
 }
 
@@ -226,6 +298,92 @@ TEST(QuotaArithmetic, ExtremesNeitherOverflowNorTrap) {
     expectUnder(current(0, 0, 5, UINT64_MAX), 0, expectedInfo(9000, 10000, 6, 5));
     expectUnder(current(1000, 0, 50, 4), 0, expectedInfo(9000, 10000, 46, 50, 0));
     expectUnder(old(1000, 0, 50, 4), 0, expectedInfo(9000, 10000, 46, 50, 0));
+}
+
+TEST(MountPoints, LastLineWinsAtTheLoadAndTheFirstInARescan) {
+    runWithOwnMounts([] {
+        const std::string early = newTmpfs("early one"), late = newTmpfs("late"),
+                          quoted = ::testing::TempDir() + "early\\040one", gone = "/no/such/place";
+        mountTmpfs("/etc");
+        writeMountTable({{"gone", gone}, {"first", quoted}, {"last", quoted}});
+        EXPECT_STREQ(deviceAt(early), "last");
+        writeMountTable({{"gone", gone}, {"first", late}, {"last", late}});
+        EXPECT_STREQ(deviceAt(late), "first");
+        writeMountTable({{"other", late}, {"other", quoted}});
+        EXPECT_STREQ(deviceAt(early), "last");
+        EXPECT_STREQ(deviceAt(late), "first");
+    });
+}
+
+TEST(MountPoints, MissingTableLeavesAnEmptyCacheAndRescans) {
+    runWithOwnMounts([] {
+        const std::string place = newTmpfs("place");
+        mountTmpfs("/etc");
+        EXPECT_EQ(deviceAt(place), nullptr);
+        // Loading counts as done, so this is a rescan: the first line wins.
+        writeMountTable({{"first", place}, {"last", place}});
+        const int before = countOpenDescriptors();
+        EXPECT_STREQ(deviceAt(place), "first");
+        EXPECT_EQ(countOpenDescriptors(), before) << "the table was left open";
+    });
+}
+
+// A record that cannot be had costs its own line, a device that cannot be copied ends the loading,
+// and a rescan that meets either finds nothing. Of one place's lines, the device found tells which
+// were loaded: the last of those.
+TEST(MountPoints, LackOfMemoryCostsOneLineOrTheRest) {
+    const struct {
+        unsigned callocs, strdups;
+        const char *device;
+    } cases[] = {{0b100, 0, "two"}, {0b010, 0, "three"},  {0, 0b100, "two"},     {0, 0b010, "one"},
+                 {0, 0b001, "one"}, {0b1111, 0, nullptr}, {0b0111, 0b1, nullptr}};
+    for (const auto &lack : cases) {
+        runWithOwnMounts([&] {
+            const std::string place = newTmpfs("place");
+            mountTmpfs("/etc");
+            writeMountTable({{"one", place}, {"two", place}, {"three", place}});
+            failingCallocs = lack.callocs;
+            failingStrdups = lack.strdups;
+            EXPECT_STREQ(deviceAt(place), lack.device);
+        });
+    }
+}
+
+// An ext4 image of 16 MiB in blocks of 4096 bytes. Few kernels at hand have the quota format compiled
+// in, and elsewhere this is skipped; `./run quota-test` boots one that has.
+TEST(RealQuota, FiguresAreTheKernelsForTheEffectiveUser) {
+    runWithOwnMounts([] {
+        const std::string place = newDirectory("place"), home = place + "/home";
+        const std::string script = "exec >/dev/null 2>&1; cd " + ::testing::TempDir() +
+                                   "; truncate -s 16M image && mkfs.ext4 -qF -b 4096 -O quota"
+                                   " -E quotatype=usrquota image && mount -o loop image place";
+        if (inChild([&] { (void)::execl("/bin/sh", "sh", "-c", script.c_str(), nullptr); }) != 0)
+            skipScenario("no such ext4 on a loop device");
+        dqblk limits{};
+        limits.dqb_bhardlimit = 1000;  // KiB
+        limits.dqb_ihardlimit = 50;
+        limits.dqb_valid = QIF_LIMITS;
+        ASSERT_EQ(::quotactl(QCMD(Q_SETQUOTA, USRQUOTA), deviceAt(place), static_cast<int>(kUser),
+                             reinterpret_cast<char *>(&limits)),
+                  0)
+            << std::strerror(errno);
+        ASSERT_EQ(::mkdir(home.c_str(), 0755), 0);
+        ASSERT_EQ(::chown(home.c_str(), kUser, 0), 0);
+        // Used: the directory's block and 123 blocks of the file, of 4096 bytes each; two nodes.
+        ASSERT_EQ(::seteuid(kUser), 0);
+        std::ofstream(home + "/file") << std::string(500000, 'x');
+        ::sync();
+        FSInfo info{};
+        EXPECT_EQ(GetFSInfo(-1, home.c_str(), 0, &info), 0);
+        EXPECT_EQ(info.flags, FSINFO_DISK_FS | FSINFO_QUOTA);
+        EXPECT_EQ(info.totalBlocks, 250u);
+        EXPECT_EQ(info.freeBlocks, 250u - 124);
+        EXPECT_EQ(info.totalFiles, 50u);
+        EXPECT_EQ(info.freeFiles, 48u);
+        ASSERT_EQ(::seteuid(0), 0);  // the superuser has no limit
+        EXPECT_EQ(GetFSInfo(-1, home.c_str(), 0, &info), 0);
+        EXPECT_EQ(info.flags, FSINFO_DISK_FS);
+    });
 }
 
 }  // namespace
