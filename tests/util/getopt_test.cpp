@@ -1,7 +1,6 @@
 #include "iosched/util.h"
 
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,11 +9,12 @@ namespace {
 using Words = std::vector<const char *>;
 
 // The words behind the program's name and before the null pointer that ends them.
-std::vector<char *> vectorOf(const Words &words) {
-    std::vector<char *> vector{const_cast<char *>("/bin/prog")};
+std::vector<char *> vectorOf(Words words) {
+    words.insert(words.begin(), "/bin/prog");
+    words.push_back(nullptr);
+    std::vector<char *> vector;
     for (const char *word : words)
         vector.push_back(const_cast<char *>(word));  // literals: whoever writes to one dies
-    vector.push_back(nullptr);
     return vector;
 }
 
@@ -25,34 +25,21 @@ std::string next(const std::vector<char *> &vector, const char *optstring) {
     ZORoptopt = 0;
     ::testing::internal::CaptureStderr();
     const int result = ZORgetopt(static_cast<int>(vector.size()) - 1, vector.data(), optstring);
-    const std::string message = ::testing::internal::GetCapturedStderr();
-    std::ostringstream seen;
-    if (result == -1) {
-        seen << "@" << ZORoptind;
-    } else if (result < 0) {
-        seen << result;
-    } else {
-        seen << static_cast<char>(result);
-    }
-    if (ZORoptarg != nullptr) seen << "=" << ZORoptarg;
-    if (ZORoptopt != 0) seen << "(" << ZORoptopt << ")";
-    return seen.str() + message;
+    std::string seen = result > 0     ? std::string(1, static_cast<char>(result))
+                       : result == -1 ? "@" + std::to_string(ZORoptind)
+                                      : std::to_string(result);
+    if (ZORoptarg != nullptr) seen += std::string("=") + ZORoptarg;
+    if (ZORoptopt != 0) seen += "(" + std::to_string(ZORoptopt) + ")";
+    return seen + ::testing::internal::GetCapturedStderr();
 }
 
 std::string parse(const Words &words, const char *optstring) {
     const std::vector<char *> vector = vectorOf(words);
-    std::string seen;
-    do {
-        seen += next(vector, optstring) + " ";
-    } while (seen.rfind('@') == std::string::npos);
-    seen.pop_back();
+    std::string seen = next(vector, optstring);
+    while (seen.rfind('@') == std::string::npos)
+        seen += " " + next(vector, optstring);
     return seen;
 }
-
-class Getopt : public ::testing::Test {
-protected:
-    Getopt() { ZORoptind = ZORopterr = 1; }
-};
 
 const struct {
     Words words;
@@ -84,43 +71,41 @@ const struct {
     {{"-ab"}, ":ab:", "a :(98)/bin/prog: option requires an argument -- b\n @2"},
 };
 
-TEST_F(Getopt, EachVectorGivesItsOptionsArgumentsErrorsAndEnd) {
+TEST(Getopt, EachVectorGivesItsOptionsArgumentsErrorsAndEnd) {
     for (const auto &row : kRows) {
         for (const int start : {0, 1}) {  // 0 counts as 1
             ZORoptind = start;
             EXPECT_EQ(parse(row.words, row.optstring), row.seen) << row.optstring;
         }
     }
-}
-
-TEST_F(Getopt, ZORopterrSilencesTheMessagesAndNothingElse) {
-    ZORopterr = 0;
+    ZORoptind = 1;
+    ZORopterr = 0;  // no messages, and nothing else is different
     EXPECT_EQ(parse({"-xb"}, ":b:"), "?(120) :(98) @2");
+    ZORopterr = 1;
 }
 
-TEST_F(Getopt, NullPointerAndNotTheCountDecidesWhetherAnArgumentIsMissing) {
+TEST(Getopt, NullPointerAndNotTheCountDecidesWhetherAnArgumentIsMissing) {
     const std::vector<char *> vector = vectorOf({"-b", "value", "-b"});
+    ZORoptind = 1;
     EXPECT_EQ(ZORgetopt(2, vector.data(), "b:"), 'b');
     EXPECT_STREQ(ZORoptarg, "value");
     EXPECT_EQ(ZORgetopt(3, vector.data(), "b:"), -1);  // the count ends the scan all the same
     EXPECT_EQ(ZORoptind, 3);
 }
 
-TEST_F(Getopt, ResettingOrMovingTheIndexAbandonsAGroup) {
+TEST(Getopt, ResettingOrMovingTheIndexAbandonsAGroup) {
     const std::vector<char *> vector = vectorOf({"-abc", "operand", "-d", "-evalue", "x", "-a"});
-    EXPECT_EQ(next(vector, "abcd"), "a");
-    ZORoptind = 3;
-    EXPECT_EQ(next(vector, "abcd"), "d");
-    ZORoptind = 1;
-    EXPECT_EQ(next(vector, "abcd"), "a");
-    ZORoptreset = 1;
-    EXPECT_EQ(next(vector, "abcd"), "@2");
-    EXPECT_EQ(ZORoptreset, 0);
-    // A short word that the caller skips itself: nothing is read behind its end.
-    ZORoptind = 4;
-    EXPECT_EQ(next(vector, "ae:"), "e=value");
-    ZORoptind = 6;
-    EXPECT_EQ(next(vector, "ae:"), "a");
+    // Where the caller moves the index to, 0 for a reset, and what the next call sees. The last move
+    // skips a short word: nothing is read behind its end.
+    const struct {
+        int index;
+        const char *seen;
+    } kMoves[] = {{1, "a"}, {3, "d"}, {1, "a"}, {0, "@2"}, {4, "e=value"}, {6, "a"}};
+    for (const auto &move : kMoves) {
+        (move.index != 0 ? ZORoptind : ZORoptreset) = move.index != 0 ? move.index : 1;
+        EXPECT_EQ(next(vector, "abcde:"), move.seen);
+        EXPECT_EQ(ZORoptreset, 0);
+    }
 }
 
 }  // namespace

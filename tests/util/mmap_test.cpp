@@ -27,21 +27,17 @@ std::string permissionsAt(const void *start) {
 class MapView : public ::testing::Test {
 protected:
     MapView() {
-        std::string bytes(10000, '\0');
-        for (size_t i = 0; i < bytes.size(); ++i)
-            bytes[i] = static_cast<char>(i % 251);
+        std::string bytes;
+        while (bytes.size() < 10000)
+            bytes += static_cast<char>(bytes.size() % 251);
         writeFile(dir / "file", bytes);
         fd = ::open((dir / "file").c_str(), O_RDWR | O_CLOEXEC);
-        readOnly = ::open((dir / "file").c_str(), O_RDONLY | O_CLOEXEC);
     }
-    ~MapView() override {
-        ::close(fd);
-        ::close(readOnly);
-    }
+    ~MapView() override { ::close(fd); }
     int map(uint32_t flags) { return MemMap(&length, flags, fd, &offset, &start, &address); }
 
     ScratchDir dir;
-    int fd, readOnly;
+    int fd;
     uint64_t length = 0;
     int64_t offset = 0;
     void *start = nullptr;
@@ -66,9 +62,7 @@ TEST_F(MapView, BytesAskedForLieAtTheAddressInWholePagesWithTheAccessAskedFor) {
         {0, 0, MEMMAP_PRIVATE | MEMMAP_EXEC, 0, 10000, "--xp"},
     };
     for (const auto &row : rows) {
-        offset = row.offset;
-        length = row.length;
-        start = nullptr;
+        offset = row.offset, length = row.length, start = nullptr;
         const int result = map(row.flags);
         if (result != 0 && errno == EPERM) GTEST_SKIP() << "no execution from here";
         ASSERT_EQ(result, 0) << row.permissions;
@@ -84,51 +78,36 @@ TEST_F(MapView, BytesAskedForLieAtTheAddressInWholePagesWithTheAccessAskedFor) {
 }
 
 TEST_F(MapView, FailureMapsNothingAndTellsTheSystemsErrorUnlessAFlagIsRefused) {
-    const struct {
-        int fd;
-        int64_t offset;
-        uint64_t length;
-        uint32_t flags;
-        int error;
-    } rows[] = {{fd, 10000, 0, kShared, EINVAL},         {fd, 10001, 0, kShared, EINVAL},
-                {fd, 5000, UINT64_MAX, kShared, ENOMEM}, {readOnly, 5000, 0, kShared, EACCES},
-                {-1, 5000, 0, kShared, EBADF},           {fd, 0, 0, kShared | 0x080, ENOTTY},
-                {fd, 0, 0, kShared | 0x100, ENOTTY},     {fd, 0, 0, kShared | 0x400, ENOTTY}};
-    for (const auto &row : rows) {
-        offset = row.offset;
-        length = row.length;
+    const int readOnly = ::open((dir / "file").c_str(), O_RDONLY | O_CLOEXEC), writable = fd;
+    const auto expectError = [this](int error, int of, int64_t at, uint64_t bytes, uint32_t more) {
+        fd = of, offset = at, length = bytes;
         start = address = &length;
         errno = ENOTTY;
-        EXPECT_EQ(MemMap(&length, row.flags, row.fd, &offset, &start, &address), -1);
-        EXPECT_EQ(errno, row.error) << row.offset << " " << row.flags;
-        EXPECT_EQ(offset, row.offset);
-        EXPECT_EQ(length, row.length);
-        EXPECT_EQ(start, nullptr);
-        EXPECT_EQ(address, nullptr);
-    }
+        EXPECT_EQ(map(kShared | more), -1);
+        EXPECT_EQ(errno, error) << at << " " << more;
+        EXPECT_TRUE(offset == at && length == bytes && start == nullptr && address == nullptr);
+    };
+    expectError(EINVAL, writable, 10000, 0, 0);
+    expectError(EINVAL, writable, 10001, 0, 0);
+    expectError(ENOMEM, writable, 5000, UINT64_MAX, 0);
+    expectError(EACCES, readOnly, 5000, 0, 0);
+    expectError(EBADF, -1, 5000, 0, 0);
+    for (const uint32_t refused : {0x080u, 0x100u, 0x400u})
+        expectError(ENOTTY, writable, 0, 0, refused);
+    ::close(readOnly);
     address = &length;
-    errno = 0;
     EXPECT_EQ(MemMap(nullptr, kShared, fd, &offset, &start, &address), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(address, &length) << "nothing is stored with an argument missing";
 }
 
-TEST_F(MapView, FixedUsesTheAddressGiven) {
-    void *place = ::mmap(nullptr, 16384, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(place, MAP_FAILED);
-    void *const wanted = start = static_cast<char *>(place) + 4096;
-    ASSERT_EQ(map(kShared | MEMMAP_FIXED), 0);
-    EXPECT_EQ(start, wanted);
-    EXPECT_EQ(static_cast<char *>(start)[1], 1);
-    EXPECT_EQ(MemUnmap(start, length), 0);
-    ::munmap(place, 16384);
-}
-
-TEST_F(MapView, OnlyItsOwnLiveMappingsAreUnmapped) {
-    void *strange = ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+TEST_F(MapView, FixedUsesTheAddressGivenAndOnlyItsOwnLiveMappingsAreUnmapped) {
+    void *strange = ::mmap(nullptr, 16384, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(strange, MAP_FAILED);
-    ASSERT_EQ(map(kShared), 0);
-    void *const first = std::exchange(start, nullptr);
+    void *const wanted = start = static_cast<char *>(strange) + 4096;
+    ASSERT_EQ(map(kShared | MEMMAP_FIXED), 0);
+    EXPECT_EQ(std::exchange(start, nullptr), wanted);
+    EXPECT_EQ(static_cast<char *>(wanted)[1], 1);
     ASSERT_EQ(map(kShared), 0);
     EXPECT_EQ(MemUnmap(start, 0), -1);  // fails and keeps the record
     EXPECT_EQ(errno, EINVAL);
@@ -138,7 +117,8 @@ TEST_F(MapView, OnlyItsOwnLiveMappingsAreUnmapped) {
     EXPECT_EQ(MemUnmap(strange, 4096), -1);
     EXPECT_EQ(errno, ENOTTY);
     EXPECT_EQ(::munmap(strange, 4096), 0);
-    EXPECT_EQ(MemUnmap(first, length), 0);
+    EXPECT_EQ(MemUnmap(wanted, length), 0);
+    ::munmap(strange, 16384);
 }
 
 }  // namespace

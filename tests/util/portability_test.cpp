@@ -29,22 +29,16 @@ TEST(GetUTF8Args, TakesAnyArgumentsInBothLanguages) {
 
 // Fractions of a second are dropped downwards; times outside the range wrap.
 TEST(FileTime, BothWaysAgreeToTheSecondInAndOutsideTheRange) {
-    const struct {
-        uint64_t fileTime;
-        int64_t seconds;
-        uint64_t back;
-    } rows[] = {{0, -11644473600, 0},
-                {116444735999999999, -1, 116444735990000000},
-                {116444736000000000, 0, 116444736000000000},
-                {116444736019999999, 1, 116444736010000000},
-                {UINT64_MAX, 1833029933770, 18446744073700000000u}};
-    for (const auto &row : rows) {
-        EXPECT_EQ(win2unixtime(row.fileTime), row.seconds);
-        EXPECT_EQ(unix2wintime(row.seconds), row.back);
-    }
-    EXPECT_EQ(unix2wintime(-11644473601), UINT64_MAX - 9999999);
-    EXPECT_EQ(unix2wintime(INT64_MAX), UINT64_C(116444736000000000) - 10000000);
-    EXPECT_EQ(unix2wintime(INT64_MIN), UINT64_C(116444736000000000));
+    constexpr uint64_t kSecond = 10000000, k1970 = 116444736000000000;
+    EXPECT_EQ(win2unixtime(0), -11644473600);
+    EXPECT_EQ(win2unixtime(k1970 - 1), -1);
+    EXPECT_EQ(win2unixtime(k1970 + 2 * kSecond - 1), 1);
+    EXPECT_EQ(win2unixtime(UINT64_MAX), 1833029933770);
+    EXPECT_EQ(unix2wintime(1833029933770), 18446744073700000000u);
+    EXPECT_EQ(unix2wintime(-1), k1970 - kSecond);
+    EXPECT_EQ(unix2wintime(-11644473601), UINT64_MAX - (kSecond - 1));
+    EXPECT_EQ(unix2wintime(INT64_MAX), k1970 - kSecond);
+    EXPECT_EQ(unix2wintime(INT64_MIN), k1970);
 }
 
 // What `tail` appended at `kept` leaves in a buffer of `size` bytes.
