@@ -10,33 +10,27 @@ namespace {
 
 using Spawn = LoopTest;
 
+constexpr uint32_t kAll = SPAWN_STDIN | SPAWN_STDOUT | SPAWN_STDERR;
+
 // Fields of the options that count only with their bit.
 const uint32_t kGroups[] = {2001, 2002};
 char kName[] = "my name", kDashC[] = "-c", kScript[] = "echo \"$0|$1\"", kWord[] = "a b$*";
 char *const kArgv[] = {kName, kDashC, kScript, kWord, kWord, nullptr};
 
-SpawnOptions options(uint32_t flags, uint32_t extFlags = 0) {
-    SpawnOptions made{};
-    made.flags = flags | (extFlags != 0 ? SPAWN_EXTFLAGS : 0);
-    made.extFlags = extFlags;
-    made.directory = "/no/such/directory";
-    made.uid = 1001;
-    made.gid = 1002;
-    made.argv = kArgv;
-    made.groupCount = 2;
-    made.groups = kGroups;
-    return made;
+SpawnOptions options(uint32_t flags, uint32_t extFlags = 0, int in = -1, int out = -1,
+                     int err = -1) {
+    flags |= extFlags != 0 ? SPAWN_EXTFLAGS : 0;
+    return {flags, extFlags, in,    out,     err, "/no/such/directory",
+            1001,  1002,     kArgv, nullptr, 2,   kGroups};
 }
 
 // Runs a program on a text as its input; what it wrote, and its exit status behind it.
 std::string run(SpawnOptions options, const std::string &command, const std::string &input = "") {
     PlainPipe in, out;
-    EXPECT_EQ(::write(in.writeEnd(), input.data(), input.size()),
-              static_cast<ssize_t>(input.size()));
+    EXPECT_GE(::write(in.writeEnd(), input.data(), input.size()), 0);
     in.closeWriteEnd();
     options.flags |= SPAWN_STDIN | SPAWN_STDOUT;
-    options.stdinFd = in.readEnd();
-    options.stdoutFd = out.writeEnd();
+    options.stdinFd = in.readEnd(), options.stdoutFd = out.writeEnd();
     const pid_t pid = spawnProcess(&options, command.c_str());
     const std::string output = out.rest();
     return output + std::to_string(WEXITSTATUS(statusOf(pid)));
@@ -118,22 +112,16 @@ TEST_F(Spawn, RedirectionsAndWhatIsInherited) {
     PlainPipe pipe;
     const int source = ::fcntl(pipe.writeEnd(), F_DUPFD, 20);  // no close-on-exec
     // One source for two targets; the program inherits what is neither marked nor a source.
-    SpawnOptions both{};
-    both.flags = SPAWN_STDOUT | SPAWN_STDERR;
-    both.stdoutFd = both.stderrFd = source;
+    const SpawnOptions both = options(SPAWN_STDOUT | SPAWN_STDERR, 0, -1, source, source);
     const int plain = ::fcntl(pipe.readEnd(), F_DUPFD, 30);
     const std::string list = "echo out; echo err >&2; cd /proc/$$/fd; echo [2-9][0-9]; test ! -e ";
     EXPECT_EQ(statusOf(spawnProcess(&both, (list + std::to_string(pipe.readEnd())).c_str())), 0);
     ::close(plain);
     // The null device wins, and leaves the sources open.
-    SpawnOptions null{};
-    null.flags = SPAWN_EXTFLAGS | SPAWN_STDIN | SPAWN_STDOUT | SPAWN_STDERR;
-    null.extFlags = SPAWN_EXT_DEVNULL;
-    null.stdinFd = null.stdoutFd = null.stderrFd = source;
-    const std::string names = "echo lost; fds=$(cd /proc/$$/fd; readlink 0 1 2); echo $fds > "
-                              "/proc/$$/fd/" +
-                              std::to_string(source);
-    EXPECT_EQ(statusOf(spawnProcess(&null, names.c_str())), 0);
+    const SpawnOptions null = options(kAll, SPAWN_EXT_DEVNULL, source, source, source);
+    const std::string names = "echo lost; fds=$(cd /proc/$$/fd; readlink 0 1 2); "
+                              "echo $fds > /proc/$$/fd/";
+    EXPECT_EQ(statusOf(spawnProcess(&null, (names + std::to_string(source)).c_str())), 0);
     ::close(source);
     EXPECT_EQ(pipe.rest(),
               "out\nerr\n" + std::to_string(plain) + "\n/dev/null /dev/null /dev/null\n");
@@ -145,11 +133,7 @@ TEST_F(Spawn, StandardDescriptorsAreRedirectedInOrderAndStayOpen) {
         ::dup2(first.writeEnd(), STDOUT_FILENO);
         ::dup2(second.writeEnd(), STDERR_FILENO);
         // Standard output takes the old standard error; standard error then finds it there.
-        SpawnOptions swap{};
-        swap.flags = SPAWN_STDIN | SPAWN_STDOUT | SPAWN_STDERR;
-        swap.stdinFd = STDIN_FILENO;
-        swap.stdoutFd = STDERR_FILENO;
-        swap.stderrFd = STDOUT_FILENO;
+        const SpawnOptions swap = options(kAll, 0, STDIN_FILENO, STDERR_FILENO, STDOUT_FILENO);
         const pid_t pid = spawnProcess(&swap, "echo out; echo err >&2; test -e /proc/$$/fd/0");
         ::dup2(STDIN_FILENO, STDOUT_FILENO);
         ::dup2(STDIN_FILENO, STDERR_FILENO);
@@ -161,24 +145,21 @@ TEST_F(Spawn, StandardDescriptorsAreRedirectedInOrderAndStayOpen) {
 
 namespace {
 
-int handledSignals[2];
 int signalOfTheChild = 0;
 
 void raiseInChild() {
     if (signalOfTheChild != 0) ::raise(signalOfTheChild);
 }
 
-void writeSignal(int sig) {
-    const char byte = static_cast<char>(sig);
-    (void)!::write(handledSignals[1], &byte, 1);
-}
+void ignoreSignal(int) {}
 
 }  // namespace
 
+// A signal that comes to the child before it is the program ends it: neither the loop's handler nor
+// the program's own takes it.
 TEST_F(Spawn, ProgramInheritsIgnoredSignalsAndNoHandlerRunsBeforeIt) {
-    ASSERT_EQ(::pipe2(handledSignals, O_NONBLOCK | O_CLOEXEC), 0);
-    ASSERT_NE(catchSignal(SIGUSR1, writeSignal), SIG_ERR);
-    ASSERT_NE(::signal(SIGUSR2, writeSignal), SIG_ERR);
+    ASSERT_NE(catchSignal(SIGUSR1, ignoreSignal), SIG_ERR);
+    ASSERT_NE(::signal(SIGUSR2, ignoreSignal), SIG_ERR);
     ASSERT_NE(catchSignal(SIGHUP, SIG_IGN), SIG_ERR);
     const std::string status = run({}, "cat /proc/self/status");
     EXPECT_EQ(maskIn(status, "SigBlk:") | maskIn(status, "SigCgt:"), 0u);
@@ -195,7 +176,5 @@ TEST_F(Spawn, ProgramInheritsIgnoredSignalsAndNoHandlerRunsBeforeIt) {
         signalOfTheChild = 0;
         EXPECT_EQ(presentMask(), maskOf(SIGCHLD) | maskOf(SIGTERM));
         EXPECT_EQ(statusOf(pid), sig);
-        char byte = 0;
-        EXPECT_EQ(::read(handledSignals[0], &byte, 1), -1) << "handled signal " << int{byte};
     }
 }

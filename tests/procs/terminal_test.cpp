@@ -4,7 +4,6 @@
 #include "support/in_child.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -23,41 +22,12 @@ namespace {
 const char *onlyDevice = nullptr;
 std::vector<std::string> tried;
 
-struct Pty {
-    Pty() : master(allocPty(name)) { EXPECT_GE(master, 0); }
-    ~Pty() { ::close(master); }
-    Pty(const Pty &) = delete;
-    Pty &operator=(const Pty &) = delete;
-
-    char name[20] = {};
-    int master;
-};
-
-// Sets every mode that setupSlave is to clear, and clears what it is to set.
-void setOddModes(const char *name) {
-    const int fd = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-    termios modes = {};
-    ASSERT_EQ(::tcgetattr(fd, &modes), 0);
-    modes.c_iflag = INLCR | IXOFF;
-    modes.c_oflag = OLCUC;
-    modes.c_cflag = CS7 | CREAD | CSTOPB;
-    modes.c_lflag = NOFLSH;
-    std::memset(modes.c_cc, 'x', sizeof modes.c_cc);
-    ASSERT_EQ(::cfsetspeed(&modes, B38400), 0);
-    ASSERT_EQ(::tcsetattr(fd, TCSANOW, &modes), 0);
-    ::close(fd);
-}
-
 }  // namespace
 
 int __wrap_open(const char *path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
-    va_end(args);
-    if (onlyDevice == nullptr) return __real_open(path, flags, mode);
+    if (onlyDevice == nullptr) return __real_open(path, flags, 0600);
     tried.emplace_back(path);
-    if (tried.back() == onlyDevice) return __real_open("/dev/null", flags, mode);
+    if (tried.back() == onlyDevice) return __real_open("/dev/null", flags);
     errno = ENOENT;
     return -1;
 }
@@ -107,46 +77,55 @@ TEST(Pty, OlderNamesAreTriedInTheirOrder) {
         size_t tried;
         const char *last, *slave;
     } kRows[] = {{"/dev/ptyq3", 1 + 16 + 4, "/dev/ptyq3", "/dev/ttyq3"},
-                 {"", 1 + 352, "/dev/ptyZf", nullptr},
-                 {"/dev/ptmx", 1 + 352, "/dev/ptyZf", nullptr}};
+                 {"", 1 + 352, "/dev/ptyZf", ""},
+                 {"/dev/ptmx", 1 + 352, "/dev/ptyZf", ""}};
     for (const auto &row : kRows) {
         const int before = countOpenDescriptors();
-        char name[20];
+        char name[20] = "";
         tried.clear();
         onlyDevice = row.present;
         const int master = allocPty(name);
+        EXPECT_TRUE((master == -1 && errno == ENOENT) == (*row.slave == '\0'));
         onlyDevice = nullptr;
         EXPECT_EQ(tried[0] + tried[1], "/dev/ptmx/dev/ptyp0");
         EXPECT_EQ(tried.size(), row.tried);
         EXPECT_EQ(tried.back(), row.last);
-        if (row.slave != nullptr)
-            EXPECT_STREQ(name, row.slave);
-        else
-            EXPECT_TRUE(master == -1 && errno == ENOENT);
+        EXPECT_STREQ(name, row.slave);
         ::close(master);
         EXPECT_EQ(countOpenDescriptors(), before);
     }
 }
 
 TEST(Pty, SlaveBecomesTheTerminalWithModesAndSizeOrNothingIsLeftOpen) {
-    const Pty pty, second;
-    setOddModes(pty.name);
+    char name[20], second[20];
+    const int master = allocPty(name);
+    EXPECT_GE(allocPty(second), 0);
+    // Every mode that is to be cleared is set, and what is to be set is not.
+    termios modes = {};
+    ASSERT_EQ(::tcgetattr(master, &modes), 0);
+    modes.c_iflag = INLCR | IXOFF;
+    modes.c_oflag = OLCUC;
+    modes.c_cflag = CS7 | CREAD | CSTOPB;
+    modes.c_lflag = NOFLSH;
+    std::memset(modes.c_cc, 'x', sizeof modes.c_cc);
+    ASSERT_EQ(::cfsetspeed(&modes, B38400), 0);
+    ASSERT_EQ(::tcsetattr(master, TCSANOW, &modes), 0);
     EXPECT_CHILD_OK([&] {
         EXPECT_GT(disassociate(), 0);
         const int before = countOpenDescriptors();
-        EXPECT_EQ(setupSlave("/dev/pts/no-such-slave", 80, 24), -1);
-        EXPECT_EQ(errno, ENOENT);
-        EXPECT_EQ(setupSlave("/dev/null", 80, 24), -1);
-        EXPECT_EQ(errno, ENOTTY);
-        const int slave = setupSlave(pty.name, 80, 24);
+        const auto expectError = [](int error, const char *slave) {
+            EXPECT_EQ(setupSlave(slave, 80, 24), -1);
+            EXPECT_EQ(errno, error);
+        };
+        expectError(ENOENT, "/dev/pts/no-such-slave");
+        expectError(ENOTTY, "/dev/null");
+        const int slave = setupSlave(name, 80, 24);
         EXPECT_EQ(::tcgetsid(slave), ::getpid());
-        EXPECT_EQ(setupSlave(second.name, 80, 24), -1);
-        EXPECT_EQ(errno, EPERM) << "has a terminal already";
+        expectError(EPERM, second);  // it has a terminal already
         EXPECT_EQ(countOpenDescriptors(), before + 1);
         winsize size = {};
         EXPECT_EQ(::ioctl(slave, TIOCGWINSZ, &size), 0);
         EXPECT_TRUE(size.ws_row == 24 && size.ws_col == 80 && size.ws_xpixel + size.ws_ypixel == 0);
-        termios modes = {};
         EXPECT_EQ(::tcgetattr(slave, &modes), 0);
         EXPECT_EQ((std::vector{modes.c_iflag, modes.c_oflag, modes.c_cflag, modes.c_lflag}),
                   (std::vector{0x502u, 0x1805u, 0x4b0u | B9600, 0x8a1bu}));
