@@ -3,11 +3,10 @@
 #include "support/in_child.h"
 
 #include <cerrno>
+#include <deque>
 #include <malloc.h>
-#include <memory>
 #include <poll.h>
 #include <sstream>
-#include <vector>
 
 extern "C" {
 pid_t __real_wait3(int *status, int options, rusage *usage);
@@ -20,13 +19,14 @@ int dumpedCore = 0;  // whose end is reported next; machines that dump cores are
 
 // A registered child process and what was reported of it.
 struct TestChild {
-    template <class Body>
-    explicit TestChild(Body body) : pid(::fork()) {
-        if (pid == 0) {
-            body();
-            ::_exit(0);
-        }
-        EXPECT_EQ(registerChild(pid, &TestChild::done, this), 0);
+    explicit TestChild(void (*body)()) : pid(::fork()) {
+        if (pid == 0) body(), ::_exit(0);
+        add();
+    }
+    void add() { EXPECT_EQ(registerChild(pid, &TestChild::done, this), 0); }
+    int await(int count = 1) {  // its status word then
+        EXPECT_TRUE(runUntil([&] { return reports == count; }));
+        return buildStatus(&status);
     }
     static void done(void *arg, const ChildStatus *status) {
         auto *child = static_cast<TestChild *>(arg);
@@ -93,13 +93,12 @@ private:
             add(verb, child, pid);
     }
     void add(char name, char child, int pid) {
-        Call *call = calls_.emplace_back(std::make_unique<Call>(Call{this, name, child})).get();
+        calls_.push_back({this, name, child});
         if (name >= 'a') {
-            EXPECT_EQ(registerChild(pid, called, call), 0);
+            EXPECT_EQ(registerChild(pid, called, &calls_.back()), 0);
         } else {
-            own_.emplace_back(std::make_unique<ChildRecord>());
             ASSERT_TRUE(reserveOwnChild());
-            listOwnChild(own_.back().get(), pid, called, call);
+            listOwnChild(&own_.emplace_back(), pid, called, &calls_.back());
         }
     }
     static void called(void *arg, const ChildStatus *status) {
@@ -113,8 +112,8 @@ private:
     std::string onFirstCall_, log_;
     int ends_ = 0;
     pid_t living_ = -1;
-    std::vector<std::unique_ptr<Call>> calls_;
-    std::vector<std::unique_ptr<ChildRecord>> own_;
+    std::deque<Call> calls_;
+    std::deque<ChildRecord> own_;
 };
 
 using Children = LoopTest;
@@ -185,61 +184,46 @@ TEST(ChildRegistry, TellsWhomItShouldTell) {
 }
 
 TEST_F(Children, AreReportedHoweverTheyEnd) {
-    TestChild exits([] { ::_exit(3); });
-    TestChild killed([] { (void)::raise(SIGKILL); });
-    TestChild stops([] {
+    TestChild exits([] { ::_exit(255); }), killed([] { (void)::raise(SIGKILL); }), stops([] {
         (void)::raise(SIGSTOP);
         ::_exit(4);
     });
-    EXPECT_TRUE(runUntil([&] { return exits.reports + killed.reports + stops.reports == 3; }));
-    EXPECT_EQ(buildStatus(&exits.status), 0x300);
-    EXPECT_EQ(buildStatus(&killed.status), SIGKILL);
-    EXPECT_EQ(buildStatus(&stops.status), 0x137f);
+    EXPECT_EQ(exits.await(), 0xff00);
+    EXPECT_EQ(killed.await(), SIGKILL);
+    EXPECT_EQ(stops.await(), 0x137f);
     EXPECT_EQ(exits.status.pid, exits.pid);
+    EXPECT_GT(exits.status.usage.ru_maxrss, 0);
     EXPECT_EQ(killed.status.exitCode + killed.status.coreDumped + killed.status.stopped, 0);
     EXPECT_EQ(stops.status.stopped, 1);
-    EXPECT_EQ(stops.status.termSignal, SIGSTOP);
-    EXPECT_GT(exits.status.usage.ru_maxrss, 0);
-    ASSERT_EQ(registerChild(stops.pid, &TestChild::done, &stops), 0);
+    stops.add();
     ASSERT_EQ(::kill(stops.pid, SIGCONT), 0);
-    EXPECT_TRUE(runUntil([&] { return stops.reports == 2; }));
-    EXPECT_EQ(buildStatus(&stops.status), 0x400);
-    ASSERT_EQ(registerChild(dumpedCore = killed.pid, &TestChild::done, &killed), 0);
+    EXPECT_EQ(stops.await(2), 0x400);
+    killed.add();
+    dumpedCore = killed.pid;
     ASSERT_EQ(::raise(SIGCHLD), 0);
-    EXPECT_TRUE(runUntil([&] { return killed.reports == 2; }));
-    EXPECT_EQ(buildStatus(&killed.status), SIGSEGV | 0x80);
-}
-
-TEST(BuildStatus, EncodesAsWaitDoes) {
-    const struct {
-        ChildStatus status;
-        int word;
-    } kRows[] = {{{0, 0, 0, 0, 255, {}}, 0xff00},
-                 {{0, SIGSEGV, 0x80, 0, 0, {}}, 0x8b},
-                 {{0, SIGSEGV, 0x80, 1, 0, {}}, 0xb7f}};
-    for (const auto &row : kRows)
-        EXPECT_EQ(buildStatus(&row.status), row.word);
+    EXPECT_EQ(killed.await(2), SIGSEGV | 0x80);
+    killed.status.stopped = 1;
+    EXPECT_EQ(buildStatus(&killed.status), SIGSEGV << 8 | 0x7f);
 }
 
 // One signal may stand for several children, and children that nobody registered are reaped too.
 TEST_F(Children, AreAllReapedInOnePassThatThenDoesNotWait) {
     const pid_t stranger = ::fork();
     if (stranger == 0) ::_exit(0);
-    std::vector<std::unique_ptr<TestChild>> children;
-    for (int i = 0; i < 20; ++i)
-        children.push_back(std::make_unique<TestChild>([] {}));
     awaitZombie(stranger);
+    std::deque<TestChild> children;
     int inner = -1;
+    for (int i = 0; i < 20; ++i) {
+        TestChild &child = children.emplace_back([] {});
+        awaitZombie(child.pid);
+        child.onDone = [&] { inner = inner == -1 ? iosched(-1) : inner; };
+    }
     TestTimer late(10000);  // ends a pass that waits
     startTimer(&late);
-    for (const auto &child : children) {
-        awaitZombie(child->pid);
-        child->onDone = [&] { inner = inner == -1 ? iosched(-1) : inner; };
-    }
     EXPECT_EQ(iosched(-1), 1);
     EXPECT_EQ(inner, 0) << "the pass inside ran the others' callbacks";
-    for (const auto &child : children)
-        EXPECT_EQ(child->reports, 1);
+    for (const TestChild &child : children)
+        EXPECT_EQ(child.reports, 1);
     EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);  // the stranger is gone too
 }
 
@@ -254,8 +238,7 @@ TEST(ChildrenOfBefore, AreReportedByTheFirstPass) {
             TestChild child([] { ::_exit(5); });
             if (ended) awaitZombie(child.pid);
             startLibrary();
-            EXPECT_TRUE(runUntil([&] { return child.reports == 1; }));
-            EXPECT_EQ(child.status.exitCode, 5);
+            EXPECT_EQ(child.await(), 0x500);
         });
     }
 }
