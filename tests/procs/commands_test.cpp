@@ -1,10 +1,5 @@
-#include "procs/procs_internal.h"
 #include "procs/program.h"
-#include "support/in_child.h"
-#include "support/scratch_dir.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <deque>
 
 namespace {
@@ -33,9 +28,9 @@ protected:
 // A command that reads one line and ends with exit status 5. It gets end of file once every process
 // that has this pipe has closed it.
 struct HeldCommand {
-    HeldCommand() { EXPECT_EQ(::fcntl(pipe.readEnd(), F_SETFD, 0), 0); }
+    HeldCommand() { EXPECT_EQ(::fcntl(pipe.fd, F_SETFD, 0), 0); }
     std::string text() const {
-        return "read line < /proc/self/fd/" + std::to_string(pipe.readEnd()) + "; exit 5";
+        return "read line < /proc/self/fd/" + std::to_string(pipe.fd) + "; exit 5";
     }
     void release() { pipe.closeWriteEnd(); }
 

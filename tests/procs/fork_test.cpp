@@ -1,15 +1,8 @@
-#include "procs/procs_internal.h"
 #include "procs/program.h"
-#include "support/in_child.h"
 
-#include <cerrno>
 #include <malloc.h>
-#include <poll.h>
 
-extern "C" {
-pid_t __real_fork(void);
-pid_t __wrap_fork(void);
-}
+extern "C" pid_t __real_fork(void), __wrap_fork(void);
 
 namespace {
 

@@ -1,14 +1,11 @@
 // What the tests of programs and commands share.
 #pragma once
 
+#include "procs/procs_internal.h"
 #include "support/loop.h"
 #include "support/scratch_dir.h"
 
-#include <csignal>
-#include <fcntl.h>
-#include <string>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <cerrno>
 
 // The next fork fails with EAGAIN; every fork returns in the parent when the child has ended already.
 // fork_test.cpp stands before the C library's fork.
@@ -24,26 +21,12 @@ inline std::string readAll(int fd) {
 }
 
 // A pipe with blocking ends that no program inherits by accident.
-struct PlainPipe {
-    PlainPipe() { EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0); }
-    ~PlainPipe() {
-        closeWriteEnd();
-        ::close(ends[0]);
-    }
-    PlainPipe(const PlainPipe &) = delete;
-    PlainPipe &operator=(const PlainPipe &) = delete;
-    int readEnd() const { return ends[0]; }
-    int writeEnd() const { return ends[1]; }
-    void closeWriteEnd() {
-        if (ends[1] >= 0) ::close(ends[1]);
-        ends[1] = -1;
-    }
+struct PlainPipe : TestPipe {
+    PlainPipe() : TestPipe(O_CLOEXEC) {}
     std::string rest() {  // what the others have written, once they all have closed it
         closeWriteEnd();
-        return readAll(ends[0]);
+        return readAll(fd);
     }
-
-    int ends[2] = {-1, -1};
 };
 
 // Waits for a child through the loop; its status word.

@@ -1,17 +1,11 @@
-#include "procs/procs_internal.h"
 #include "procs/program.h"
-#include "support/in_child.h"
 
-#include <cerrno>
 #include <deque>
 #include <malloc.h>
-#include <poll.h>
 #include <sstream>
 
-extern "C" {
-pid_t __real_wait3(int *status, int options, rusage *usage);
-pid_t __wrap_wait3(int *status, int options, rusage *usage);
-}
+extern "C" pid_t __real_wait3(int *status, int options, rusage *usage),
+    __wrap_wait3(int *status, int options, rusage *usage);
 
 namespace {
 

@@ -1,8 +1,5 @@
 #include "procs/program.h"
-#include "support/in_child.h"
-#include "support/scratch_dir.h"
 
-#include <cerrno>
 #include <cstring>
 #include <pthread.h>
 
@@ -27,10 +24,10 @@ SpawnOptions options(uint32_t flags, uint32_t extFlags = 0, int in = -1, int out
 // Runs a program on a text as its input; what it wrote, and its exit status behind it.
 std::string run(SpawnOptions options, const std::string &command, const std::string &input = "") {
     PlainPipe in, out;
-    EXPECT_GE(::write(in.writeEnd(), input.data(), input.size()), 0);
+    EXPECT_GE(::write(in.writeEnd, input.data(), input.size()), 0);
     in.closeWriteEnd();
     options.flags |= SPAWN_STDIN | SPAWN_STDOUT;
-    options.stdinFd = in.readEnd(), options.stdoutFd = out.writeEnd();
+    options.stdinFd = in.fd, options.stdoutFd = out.writeEnd;
     const pid_t pid = spawnProcess(&options, command.c_str());
     const std::string output = out.rest();
     return output + std::to_string(WEXITSTATUS(statusOf(pid)));
@@ -110,12 +107,12 @@ TEST_F(Spawn, SpecialCharactersAndNoOthersAskForTheShell) {
 
 TEST_F(Spawn, RedirectionsAndWhatIsInherited) {
     PlainPipe pipe;
-    const int source = ::fcntl(pipe.writeEnd(), F_DUPFD, 20);  // no close-on-exec
+    const int source = ::fcntl(pipe.writeEnd, F_DUPFD, 20);  // no close-on-exec
     // One source for two targets; the program inherits what is neither marked nor a source.
     const SpawnOptions both = options(SPAWN_STDOUT | SPAWN_STDERR, 0, -1, source, source);
-    const int plain = ::fcntl(pipe.readEnd(), F_DUPFD, 30);
+    const int plain = ::fcntl(pipe.fd, F_DUPFD, 30);
     const std::string list = "echo out; echo err >&2; cd /proc/$$/fd; echo [2-9][0-9]; test ! -e ";
-    EXPECT_EQ(statusOf(spawnProcess(&both, (list + std::to_string(pipe.readEnd())).c_str())), 0);
+    EXPECT_EQ(statusOf(spawnProcess(&both, (list + std::to_string(pipe.fd)).c_str())), 0);
     ::close(plain);
     // The null device wins, and leaves the sources open.
     const SpawnOptions null = options(kAll, SPAWN_EXT_DEVNULL, source, source, source);
@@ -130,8 +127,8 @@ TEST_F(Spawn, RedirectionsAndWhatIsInherited) {
 TEST_F(Spawn, StandardDescriptorsAreRedirectedInOrderAndStayOpen) {
     EXPECT_CHILD_OK([] {
         PlainPipe first, second;
-        ::dup2(first.writeEnd(), STDOUT_FILENO);
-        ::dup2(second.writeEnd(), STDERR_FILENO);
+        ::dup2(first.writeEnd, STDOUT_FILENO);
+        ::dup2(second.writeEnd, STDERR_FILENO);
         // Standard output takes the old standard error; standard error then finds it there.
         const SpawnOptions swap = options(kAll, 0, STDIN_FILENO, STDERR_FILENO, STDOUT_FILENO);
         const pid_t pid = spawnProcess(&swap, "echo out; echo err >&2; test -e /proc/$$/fd/0");

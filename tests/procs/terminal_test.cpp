@@ -1,19 +1,15 @@
 // Daemons and pseudo-terminals.
 
 #include "procs/program.h"
-#include "support/in_child.h"
 
-#include <cerrno>
 #include <cstring>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <termios.h>
 #include <vector>
 
-extern "C" {
-int __real_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, ...);
-}
+extern "C" int __real_open(const char *path, int flags, ...),
+    __wrap_open(const char *path, int flags, ...);
 
 namespace {
 
@@ -37,7 +33,7 @@ TEST(Daemonify, LeavesADaemonAndEndsTheCallerWithItsExitHandlers) {
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     PlainPipe report;
     static int reportFd;
-    reportFd = report.writeEnd();
+    reportFd = report.writeEnd;
     EXPECT_CHILD_OK([] {
         std::atexit([] { (void)!::write(reportFd, "exit handler\n", 13); });
         const pid_t caller = ::getpid();

@@ -140,9 +140,9 @@ struct Watch {
 
 // A pipe with a watched read end.
 struct TestPipe : Watch {
-    TestPipe() : Watch(-1) {
+    explicit TestPipe(int flags = O_NONBLOCK | O_CLOEXEC) : Watch(-1) {
         int ends[2];
-        EXPECT_EQ(::pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+        EXPECT_EQ(::pipe2(ends, flags), 0);
         fd = ends[0];
         writeEnd = ends[1];
     }

@@ -30,6 +30,7 @@ int main(void) {
 
     SharedMutex mutex;
     if (InitializeSharedMutex(&mutex) != 0 || availableProcessors() < 1) return 1;
+    if (GetUTF8Args() != 0 || GetUTF8Args("", 1.5) != 0) return 1; /* whatever it is called with */
     printf("%s %s\n", received, iosched_version + 4);
     return ExitSched();
 }
