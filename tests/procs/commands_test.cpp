@@ -57,18 +57,16 @@ const std::function<int(const std::string &)> kWaits[] = {
 TEST_F(Commands, EndWithTheirStatusWord) {
     const ScratchDir dir;
     const std::string stop = "echo $$ > " + dir.path() + "/pid; kill -STOP $$";
-    const struct {
-        std::string command;
-        int word;
-    } kRows[] = {{"true", 0},
-                 {"exit 3", 0x300},
-                 {"kill -TERM $$", SIGTERM},
-                 {"no-such-program", 0x7f00},
-                 {stop, 0x137f},  // a stop ends the wait
-                 {"read pid < " + dir.path() + "/pid; kill -KILL $pid", 0}};
+    const std::pair<std::string, int> kRows[] = {
+        {"true", 0},
+        {"exit 3", 0x300},
+        {"kill -TERM $$", SIGTERM},
+        {"no-such-program", 0x7f00},
+        {stop, 0x137f},  // a stop ends the wait
+        {"read pid < " + dir.path() + "/pid; kill -KILL $pid", 0}};
     for (const auto &wait : kWaits)
-        for (const auto &row : kRows)
-            EXPECT_EQ(wait(row.command), row.word) << row.command;
+        for (const auto &[command, word] : kRows)
+            EXPECT_EQ(wait(command), word) << command;
     EXPECT_TRUE(runUntil([] { return !hasChildren(); }));
 }
 
@@ -97,14 +95,13 @@ TEST_F(Commands, ReadAndWriteStreams) {
 }
 
 TEST_F(Commands, StatusOfOneThatEndedLongBeforeIsKeptAndGivenAfterOnePass) {
-    std::vector<FILE *> streams;
-    for (const char *command : {"exit 6", "exit 7", "exit 8"})
-        streams.push_back(ZORpopen(command, "r"));
+    FILE *const streams[] = {ZORpopen("exit 6", "r"), ZORpopen("exit 7", "r"),
+                             ZORpopen("exit 8", "r")};
     EXPECT_TRUE(runUntil([] { return !hasChildren(); }));
     for (const int i : {1, 0, 2}) {
         TestCall queued;
         registerDelayedCall(&queued);
-        EXPECT_EQ(ZORpclose(streams[static_cast<size_t>(i)]), (6 + i) << 8);
+        EXPECT_EQ(ZORpclose(streams[i]), (6 + i) << 8);
         EXPECT_EQ(queued.calls, 1);
     }
 }

@@ -111,9 +111,7 @@ TEST_F(Forking, AHookMayForkAndRemoveHooksInside) {
 
 // That it serves whatever else is registered and queued, wherever it forks, shows the loop's model.
 TEST_F(Forking, TheChildStartsWithoutChildren) {
-    const pid_t sleeper = ::fork();
-    if (sleeper == 0) ::_exit(::poll(nullptr, 0, -1));
-    const ReportedChild awake(sleeper);
+    const ReportedChild registered(1 << 24);  // above all process ids
     const int before = countOpenDescriptors();
     const pid_t pid = ioFork();
     if (pid == 0) {
@@ -125,6 +123,5 @@ TEST_F(Forking, TheChildStartsWithoutChildren) {
         ::_exit(HasFailure() ? 1 : 0);
     }
     EXPECT_EQ(waitForChild(pid), 0);
-    ASSERT_EQ(::kill(sleeper, SIGKILL), 0);
-    EXPECT_EQ(awake.await(), SIGKILL);
+    EXPECT_TRUE(anyChildRegistered());
 }

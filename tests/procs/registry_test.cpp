@@ -70,11 +70,8 @@ private:
         return living_;
     }
     void step(char verb, char child) {
-        ChildStatus status{};
         const int pid = pidOf(child);
-        status.pid = pid;
-        status.exitCode = verb == 'x' ? ++ends_ : 0;
-        status.stopped = verb == 's';
+        const ChildStatus status{pid, 0, 0, verb == 's', verb == 'x' ? ++ends_ : 0, {}};
         if (verb == '.')
             (void)callRegisteredChildFuncs();
         else if (verb == '*')

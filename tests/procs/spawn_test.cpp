@@ -57,7 +57,6 @@ TEST_F(Spawn, CommandsAndOptions) {
     } kRows[] = {
         {options(0), "sh", "echo $0 $#", "sh 0\n0"},
         {options(0), "no-such-program", "", "127"},
-        {options(0), "echo one; exit 3", "", "one\n3"},
         {options(SPAWN_ARGV), "sh", "", "a b$*|a b$*\n0"},
         {options(SPAWN_ARGV), "sh -c true", "", "127"},
         {options(SPAWN_ARGV, SPAWN_EXT_NOPATH), "sh", "", "127"},
@@ -65,7 +64,7 @@ TEST_F(Spawn, CommandsAndOptions) {
         {options(0, SPAWN_EXT_NOPATH), spaced, "echo $0 $#", spaced + " 0\n0"},
         {options(0, SPAWN_EXT_NOPATH), spaced + " x", "", "127"},
         {options(0, SPAWN_EXT_NOPATH), "true", "", "127"},
-        {unread, "echo seen", "", "seen\n0"},
+        {unread, "echo one; exit 3", "", "one\n3"},
         {moved, "only-here", "echo $IOSCHED_TEST; pwd -P; exit 4",
          "second\n" + std::filesystem::canonical(dir.path()).string() + "\n4"},
         {options(SPAWN_SETUID | SPAWN_SETGID | SPAWN_SETGROUPS), ids, "",
@@ -73,8 +72,6 @@ TEST_F(Spawn, CommandsAndOptions) {
         {options(0), leads, "", "1\n1\n0"},
         {options(0, SPAWN_EXT_SETPGRP), leads, "", "0\n1\n0"},
         {options(0, SPAWN_EXT_SETSID), leads, "", "0\n0\n0"},
-        {options(0, SPAWN_EXT_SETSID | SPAWN_EXT_SETPGRP), "true", "", "127"},
-        {options(SPAWN_CHDIR), "true", "", "127"},
     };
     for (const auto &row : kRows) {
         if ((row.options.flags & SPAWN_SETUID) != 0 && ::geteuid() != 0) continue;
@@ -82,11 +79,6 @@ TEST_F(Spawn, CommandsAndOptions) {
     }
     EXPECT_EQ(std::getenv("IOSCHED_TEST"), nullptr);
     EXPECT_EQ(statusOf(spawnProcess(nullptr, "true")), 0);
-    EXPECT_CHILD_OK([] {  // who may not change identity
-        EXPECT_TRUE(::geteuid() != 0 || ::setresuid(65534, 65534, 65534) == 0);
-        for (const uint32_t step : {SPAWN_SETGID, SPAWN_SETGROUPS, SPAWN_SETUID})
-            EXPECT_EQ(run(options(step), "echo ran"), "127") << step;
-    });
     EXPECT_EQ(spawnProcess(nullptr, nullptr), -1);
     EXPECT_EQ(errno, EINVAL);
 }
@@ -140,28 +132,18 @@ TEST_F(Spawn, StandardDescriptorsAreRedirectedInOrderAndStayOpen) {
     });
 }
 
-namespace {
-
-int signalOfTheChild = 0;
-
-void raiseInChild() {
-    if (signalOfTheChild != 0) ::raise(signalOfTheChild);
-}
-
-void ignoreSignal(int) {}
-
-}  // namespace
-
 // A signal that comes to the child before it is the program ends it: neither the loop's handler nor
 // the program's own takes it.
 TEST_F(Spawn, ProgramInheritsIgnoredSignalsAndNoHandlerRunsBeforeIt) {
-    ASSERT_NE(catchSignal(SIGUSR1, ignoreSignal), SIG_ERR);
-    ASSERT_NE(::signal(SIGUSR2, ignoreSignal), SIG_ERR);
+    static int signalOfTheChild = 0;
+    ASSERT_NE(catchSignal(SIGUSR1, [](int) {}), SIG_ERR);
+    ASSERT_NE(::signal(SIGUSR2, [](int) {}), SIG_ERR);
     ASSERT_NE(catchSignal(SIGHUP, SIG_IGN), SIG_ERR);
     const std::string status = run({}, "cat /proc/self/status");
     EXPECT_EQ(maskIn(status, "SigBlk:") | maskIn(status, "SigCgt:"), 0u);
     EXPECT_EQ(maskIn(status, "SigIgn:") & (maskOf(SIGUSR1) | maskOf(SIGHUP)), maskOf(SIGHUP));
-    ASSERT_EQ(::pthread_atfork(nullptr, nullptr, raiseInChild), 0);
+    const auto raiseIt = [] { (void)(signalOfTheChild != 0 && ::raise(signalOfTheChild)); };
+    ASSERT_EQ(::pthread_atfork(nullptr, nullptr, raiseIt), 0);
     sigset_t before;
     sigemptyset(&before);
     sigaddset(&before, SIGTERM);

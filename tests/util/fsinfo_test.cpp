@@ -21,11 +21,11 @@
 namespace {
 
 // Allocations fail for the calls whose bit is set, the next call's bit being the lowest.
-unsigned failingCallocs = 0, failingStrdups = 0;
+unsigned failingAllocations = 0;
 
-bool failsNow(unsigned *calls) {
-    const bool fails = (*calls & 1) != 0;
-    *calls >>= 1;
+bool nextAllocationFails() {
+    const bool fails = (failingAllocations & 1) != 0;
+    failingAllocations >>= 1;
     return fails;
 }
 
@@ -42,11 +42,11 @@ std::string playedBlock;  // empty: the call fails
 extern "C" {
 void *__real_calloc(size_t count, size_t size);
 void *__wrap_calloc(size_t count, size_t size) {
-    return failsNow(&failingCallocs) ? nullptr : __real_calloc(count, size);
+    return nextAllocationFails() ? nullptr : __real_calloc(count, size);
 }
 char *__real_strdup(const char *text);
 char *__wrap_strdup(const char *text) {
-    return failsNow(&failingStrdups) ? nullptr : __real_strdup(text);
+    return nextAllocationFails() ? nullptr : __real_strdup(text);
 }
 int __real_fstatfs(int fd, struct statfs *fs);
 int __wrap_fstatfs(int fd, struct statfs *fs) {
@@ -317,21 +317,18 @@ TEST(MountPoints, MissingTableLeavesAnEmptyCacheAndRescans) {
 
 // A record that cannot be had costs its own line, a device that cannot be copied ends the loading,
 // and a rescan that meets either finds nothing. Of one place's lines, the device found tells which
-// were loaded: the last of those.
+// were loaded: the last of those. A line takes two allocations, of which the record is the first.
 TEST(MountPoints, LackOfMemoryCostsOneLineOrTheRest) {
-    const struct {
-        unsigned callocs, strdups;
-        const char *device;
-    } cases[] = {{0b100, 0, "two"}, {0b010, 0, "three"},  {0, 0b100, "two"},     {0, 0b010, "one"},
-                 {0, 0b001, "one"}, {0b1111, 0, nullptr}, {0b0111, 0b1, nullptr}};
-    for (const auto &lack : cases) {
-        runWithOwnMounts([&] {
+    const std::pair<unsigned, const char *> kLacks[] = {
+        {0b010000, "two"}, {0b000100, "three"}, {0b100000, "two"},  {0b001000, "one"},
+        {0b000010, "one"}, {0b001111, nullptr}, {0b010111, nullptr}};
+    for (const auto &[failing, device] : kLacks) {
+        runWithOwnMounts([failing = failing, device = device] {
             const std::string place = newTmpfs("place");
             mountTmpfs("/etc");
             writeMountTable({{"one", place}, {"two", place}, {"three", place}});
-            failingCallocs = lack.callocs;
-            failingStrdups = lack.strdups;
-            EXPECT_STREQ(deviceAt(place), lack.device);
+            failingAllocations = failing;
+            EXPECT_STREQ(deviceAt(place), device);
         });
     }
 }
@@ -363,10 +360,8 @@ TEST(RealQuota, FiguresAreTheKernelsForTheEffectiveUser) {
         FSInfo info{};
         EXPECT_EQ(GetFSInfo(-1, home.c_str(), 0, &info), 0);
         EXPECT_EQ(info.flags, FSINFO_DISK_FS | FSINFO_QUOTA);
-        EXPECT_EQ(info.totalBlocks, 250u);
-        EXPECT_EQ(info.freeBlocks, 250u - 124);
-        EXPECT_EQ(info.totalFiles, 50u);
-        EXPECT_EQ(info.freeFiles, 48u);
+        EXPECT_EQ((std::vector{info.totalBlocks, info.freeBlocks, info.totalFiles, info.freeFiles}),
+                  (std::vector<uint64_t>{250, 250 - 124, 50, 48}));
         ASSERT_EQ(::seteuid(0), 0);  // the superuser has no limit
         EXPECT_EQ(GetFSInfo(-1, home.c_str(), 0, &info), 0);
         EXPECT_EQ(info.flags, FSINFO_DISK_FS);
