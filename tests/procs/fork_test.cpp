@@ -109,7 +109,7 @@ TEST_F(Forking, AHookMayForkAndRemoveHooksInside) {
     EXPECT_EQ(hookCalls, "10f0304011f13141");
 }
 
-// That it serves whatever else is registered and queued, wherever it forks, shows the loop's model.
+// The loop's model shows that it serves whatever else is registered and queued, wherever it forks.
 TEST_F(Forking, TheChildStartsWithoutChildren) {
     const ReportedChild registered(1 << 24);  // above all process ids
     const int before = countOpenDescriptors();

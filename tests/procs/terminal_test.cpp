@@ -27,7 +27,7 @@ int __wrap_open(const char *path, int flags, ...) {
     return -1;
 }
 
-// That the daemon leads a session without a terminal, tests/examples/programs.sh shows.
+// tests/examples/programs.sh looks at the daemon's session and its terminal.
 TEST(Daemonify, EndsTheCallerWithItsExitHandlers) {
     static PlainPipe report;
     EXPECT_CHILD_OK([] {
