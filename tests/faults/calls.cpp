@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <string_view>
 #include <sys/epoll.h>
 #include <sys/file.h>
@@ -46,14 +47,14 @@ bool failsNow(const char *name, const void *site, int error) {
     if (fault->instead != 0) error = fault->instead;
     if (fault->name[0] == '\0') {
         if (fault->countdown-- > 0) return false;
+        if (fault->isDeadly) (void)::kill(self, SIGKILL);
         std::strcpy(fault->name, name);
         fault->error = error;
     } else if (!fault->forever || fault->repeats == kMostRepeats ||
                std::strcmp(fault->name, name) != 0) {
         return false;
     }
-    ++fault->repeats;
-    errno = error;
+    errno = fault->lastError = fault->repeats++ == 0 ? error : EDOM;
     return true;
 }
 

@@ -12,14 +12,16 @@ struct Fault {
     bool armed;
     bool inChildren;  // only calls of forked processes count, else only those of `owner`
     bool forever;     // every later call of the same name fails too
+    bool isDeadly;    // the call does not fail: its process is killed there
     pid_t owner;
     pid_t driver;     // the process that runs all the scenarios, and only waits
     char spared[64];  // names of calls that are left alone
     int instead;      // another error than the call's usual one, 0 = that
     long countdown;   // calls that are still good
     char name[32];    // the call that failed, "" = none so far
-    int error;
-    long repeats;  // calls of that name since
+    int error;        // of its first failure
+    int lastError;    // another one from the second failure on
+    long repeats;     // calls of that name since
     // Where in the program the counted calls came from.
     size_t siteCount;
     const void *sites[2048];

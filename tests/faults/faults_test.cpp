@@ -35,6 +35,7 @@ struct Exceptions {
     bool inChildren = false;   // what fails are calls of the processes that the scenario forks
     bool onlyOnce = false;     // a lasting failure is beyond repair
     const char *spared = "";   // calls that are left alone
+    const char *retried = "";  // calls that are tried again, so that their last errno is told
     int error = 0;             // what the failing call reports instead of its usual error
     int leaves = 0;            // descriptors that a failed function keeps for the next attempt
     long hooks = 0;            // blocks that each call keeps: starts register their hooks once more
@@ -275,6 +276,21 @@ int mapFile() {
     number = static_cast<long>(length);
     return result;
 }
+// A failure before the file is an arena gives its room on the disk back, if only that works.
+Outcome makeNewArena() {
+    const Outcome outcome = resultOf(openArena(SHARED_ARENA_CREATE));
+    const int error = errno;
+    const std::string file = readFile(scratch);
+    errno = error;
+    const bool keepsRoom = file.size() > 4096 && file[0x30] == 0;
+    return keepsRoom && !fault->forever ? kOdd : outcome;
+}
+Outcome copyChunk() {
+    int64_t delta = 7;
+    copy = &copy;
+    const Outcome outcome = resultOf(CopySharedChunk(arena, chunk, &mutex, &copy, &delta));
+    return outcome == kFailed && (copy != nullptr || delta != 0) ? kOdd : outcome;
+}
 int testRange() {
     int64_t length = 9;
     return TestSharedFileRange(table, 1, 1, &kKey, 0, &length, 1);
@@ -370,10 +386,9 @@ const std::vector<Scenario> kScenarios = {
     {"SetBlockingMode", nothing, RUN(SetBlockingMode(1, 1), -1), nothing},
     {"maxGroups", nothing, RUN(maxGroups(), -1), nothing},
     // arenas
-    {"OpenSharedArena, new", DO((void)::unlink(scratch.c_str())), OPEN(SHARED_ARENA_CREATE),
-     closeArena, "munmap"},
+    {"OpenSharedArena, new", DO((void)::unlink(scratch.c_str())), makeNewArena, closeArena, "munmap"},
     {"OpenSharedArena, in use and not ready", makeBareFile, OPEN(SHARED_ARENA_CREATE), closeArena,
-     "munmap flock"},
+     "munmap flock", {.retried = "flock"}},
     {"OpenSharedArena, new alone", nothing, RUN(((void)::unlink(scratch.c_str()),
      openArena(SHARED_ARENA_CREATE | SHARED_ARENA_EXCLUSIVE))), closeArena, "munmap",
      {.spared = "unlink"}},
@@ -383,16 +398,15 @@ const std::vector<Scenario> kScenarios = {
     {"DeleteSharedArena", makeArenaFile, RUN(DeleteSharedArena(scratch.c_str())), makeArenaFile},
     {"ForkSharedArena", makeArena, RUN(ForkSharedArena(arena)), nothing},
     {"ForkSharedArena without room", makeArena, RUN(ForkSharedArena(arena)), nothing, "open",
-     {.error = EMFILE}},
+     {.retried = "open", .error = EMFILE}},
     // chunks, mutexes and tables
     {"AllocateSharedChunk", makeArena, [] { return allocate("c", 8); }, freeChunk},
     {"AllocateSharedChunk, there already", makeChunk, [] { return allocate("c", 8); }, freeChunk,
      "pthread_mutex_unlock"},
     {"FreeSharedChunk", makeChunk, RUN(FreeSharedChunk(arena, chunk)), makeChunk,
      "pthread_mutex_unlock"},
-    {"CopySharedChunk", DO(makeChunk(), InitializeSharedMutex(&mutex)),
-     RUN(CopySharedChunk(arena, chunk, &mutex, &copy, nullptr)), DO(std::free(copy)),
-     "pthread_mutex_unlock"},
+    {"CopySharedChunk", DO(makeChunk(), InitializeSharedMutex(&mutex)), copyChunk,
+     DO(std::free(copy)), "pthread_mutex_unlock"},
     {"InitializeSharedMutex", nothing, RUN(InitializeSharedMutex(&mutex)), nothing},
     {"AquireSharedMutex", DO(InitializeSharedMutex(&mutex)), RUN(AquireSharedMutex(&mutex)),
      DO((void)ReleaseSharedMutex(&mutex))},
@@ -478,7 +492,8 @@ void runWithFault(const Scenario &scenario, long countdown, bool forever) {
         EXPECT_EQ(outcome, kFailed);
         EXPECT_TRUE(failed) << "errno " << error << " without any fault";
         if (!scenario.but.othersErrno && !scenario.but.inChildren) {
-            EXPECT_EQ(error, fault->error);
+            const bool isRetried = lists(scenario.but.retried, fault->name);
+            EXPECT_EQ(error, isRetried ? fault->lastError : fault->error);
         }
         const Books now = books();
         EXPECT_LE(now.descriptors, before.descriptors + scenario.but.leaves);

@@ -13,10 +13,7 @@ namespace {
 
 class Arena : public TestArena {
 protected:
-    ~Arena() override {
-        callHook = nullptr;
-        flockHook = nullptr;
-    }
+    ~Arena() override { flockHook = nullptr; }
 
     uint32_t openWithOutputKept(int flags, uint64_t bytes = 4096) {
         auto *const untouched = reinterpret_cast<SharedArena *>(&size);
@@ -156,72 +153,6 @@ TEST_F(Arena, FilesThatAreNoArenaGetACode) {
         EXPECT_EQ(code, kSystemError);
         EXPECT_EQ(errno, ENOENT);
     }
-}
-
-TEST_F(Arena, ACallThatFailsIsReportedAndLeavesNothingOpenNorTheDiskFull) {
-    for (int nth = 1, failures = 1; failures != 0; ++nth) {
-        SCOPED_TRACE(nth);
-        leaveIdleArena();
-        const int before = countOpenDescriptors();
-        failures = 0;
-        callHook = [&, left = nth](std::string_view) mutable {
-            if (--left != 0) return 0;
-            ++failures;
-            return EDQUOT;
-        };
-        const uint32_t code = openWithOutputKept(SHARED_ARENA_CREATE, 16384);
-        if (failures != 0) {
-            EXPECT_EQ(errno, EDQUOT);
-        }
-        EXPECT_EQ(code, failures != 0 ? kSystemError : 0u);
-        callHook = nullptr;
-        EXPECT_EQ(countOpenDescriptors(), before);
-        const uint32_t attached = openWithOutputKept(0);
-        if (attached != 0) {
-            EXPECT_EQ(attached, uint32_t{SHARED_ERR_MAGIC});
-            EXPECT_LE(fileSize(path), 4096);
-        }
-        EXPECT_EQ(remove(), 0u) << "no lock was left behind";
-    }
-}
-
-TEST_F(Arena, ACreatorKilledAtAnyStepLeavesTheOldArenaNoneOrAWholeNewOne) {
-    int oldOnes = 0, unfinished = 0, newOnes = 0;
-    for (int step = 1;; ++step) {
-        SCOPED_TRACE(step);
-        leaveIdleArena();
-        const int status = inChild([this, step] {
-            int stepsLeft = step;
-            const auto count = [&stepsLeft] {
-                if (--stepsLeft == 0) (void)::kill(::getpid(), SIGKILL);
-            };
-            callHook = [count](std::string_view) { return count(), 0; };
-            flockHook = [count](LockMoment) { count(); };
-            EXPECT_EQ(openWithOutputKept(SHARED_ARENA_CREATE, 8192), 0u);
-        });
-        if (status == 0) break;
-        ASSERT_EQ(WTERMSIG(status), SIGKILL);
-
-        const uint32_t attached = open(0);
-        if (attached == 0) {
-            EXPECT_EQ(fault().find("link"), std::string::npos);
-            const bool isOld = arena->mapLength == 4096;
-            EXPECT_EQ(blocks().size(), isOld ? 2u : 1u);
-            ++(isOld ? oldOnes : newOnes);
-            close();
-        } else {
-            EXPECT_TRUE(attached == SHARED_ERR_MAGIC ||
-                        (attached == kSystemError && errno == EINVAL));
-            ++unfinished;
-        }
-        ASSERT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u) << "the next creator starts from there";
-        EXPECT_EQ(fault(), "");
-        EXPECT_NE(allocate("new", 64), nullptr) << "with a mutex that is free";
-        close();
-    }
-    EXPECT_EQ(oldOnes, 4) << "before the lock, the two looks at the file and the truncation";
-    EXPECT_GE(unfinished, 8);
-    EXPECT_GE(newOnes, 4) << "from the release of the mutex on";
 }
 
 TEST_F(Arena, AForkedChildGetsALockOfItsOwnEvenInAFullDescriptorTable) {

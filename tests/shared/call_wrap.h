@@ -1,23 +1,11 @@
-// The system and threads calls by which arenas and tables are made, to fail or to die at, and the
-// moments of a lock on a file in which another process could come in between.
+// The moments of a lock on a file in which another process could come in between, what is written to
+// the system log, and a clock about to turn to the next second.
 //
-// The calls that the CMakeLists.txt beside this names to the linker ask the hook first, wherever in
-// the test program they are made; calls inside shared libraries do not.
+// The calls that the CMakeLists.txt beside this names to the linker come here, wherever in the test
+// program they are made; calls inside shared libraries do not.
 #pragma once
 
 #include <functional>
-#include <string_view>
-
-// Gets the call's name. 0 lets the call through, an error number makes it fail so. Not called while
-// it is running itself.
-extern std::function<int(std::string_view call)> callHook;
-
-// A hook that lets the call of that name fail, after so many that it lets through.
-inline std::function<int(std::string_view)> failing(std::string_view call, int error,
-                                                    int letThrough = 0) {
-    return
-        [=](std::string_view now) mutable { return now == call && letThrough-- == 0 ? error : 0; };
-}
 
 // Gets what is written to the system log, which never gets there itself.
 extern std::function<void(int priority, const char *line)> syslogHook;
@@ -34,3 +22,6 @@ enum class LockMoment {
 extern std::function<void(LockMoment)> flockHook;
 // The descriptor that got an exclusive lock last. To be set to -1 once it is closed.
 extern int exclusiveFd;
+
+// Lets every time that is asked for lie a nanosecond before the next second.
+extern bool secondIsEnding;

@@ -1,5 +1,6 @@
 #include "iosched/shared.h"
 
+#include "shared/call_wrap.h"
 #include "shared/shared_internal.h"
 #include "support/in_child.h"
 #include "support/loop.h"
@@ -44,9 +45,9 @@ protected:
         }
         const sched_param none{};
         (void)::sched_setscheduler(0, SCHED_BATCH, &none);
-        (void)AquireSharedMutex(mutex);
+        const uint32_t acquired = AquireSharedMutex(mutex);
         (void)ReleaseSharedMutex(mutex);
-        ::_exit(0);
+        ::_exit(acquired == 0 ? 0 : 1);
     }
     static bool sleepsAtAFutex(pid_t pid) {
         char call[5] = {};
@@ -215,12 +216,13 @@ TEST_F(Mutex, AReleaserKilledBetweenTheWordAndTheWakeStrandsNobody) {
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);  // the waiter outlives its parent
     const int status = inChild([this] {
         ASSERT_EQ(AquireSharedMutex(mutex), 0u);
+        secondIsEnding = true;  // each slice of the waiter's ends in the next one
         shared->number = static_cast<uint64_t>(startWaiter());
         dieAtTheWake();
         (void)ReleaseSharedMutex(mutex);
     });
     EXPECT_EQ(WTERMSIG(status), SIGSYS) << "at the wake";
-    EXPECT_EQ(waitForChild(static_cast<pid_t>(shared->number), 2000), 0);
+    EXPECT_EQ(waitForChild(static_cast<pid_t>(shared->number), 5000), 0);
 }
 
 }  // namespace
