@@ -115,24 +115,18 @@ constexpr uint32_t B = SHARED_FILE_OPLOCK_BATCH, kIgnore = SHARED_FILE_IGNORE_OP
 constexpr uint32_t C = SHARED_FILE_OWNER_COMPAT, O = SHARED_FILE_OWNER_OVERRIDE;
 constexpr uint32_t kSh = SHARED_FILE_LOCK_SHARED, kEx = SHARED_FILE_LOCK_EXCLUSIVE;
 
-TableCall open(uint32_t mode, uint32_t limit = 0) {
-    return {TableCall::Open, 0, 0, {}, mode, limit, 0, 0, 0, {}};
+TableCall simple(TableCall::Kind kind, uint32_t mode = 0, uint32_t limit = 4) {
+    return {kind, 0, 0, {}, mode, limit, 0, 0, 40, {}};
 }
-TableCall lock(int64_t offset, int64_t length, uint32_t flags) {
-    return {TableCall::Lock, 0, 0, {}, flags, 0, offset, length, 0, {}};
-}
-TableCall unlock(int64_t offset, int64_t length) {
-    return {TableCall::Unlock, 0, 0, {}, 0, 0, offset, length, 0, {}};
-}
-TableCall test(int64_t offset, int64_t length, uint32_t flags) {
-    return {TableCall::Test, 0, 0, {}, flags, 0, offset, length, 0, {}};
-}
-TableCall setMode(uint32_t mode) {
-    return {TableCall::SetMode, 0, 0, {}, mode, 0, 0, 0, 0, {}};
-}
-TableCall simple(TableCall::Kind kind) {
-    return {kind, 0, 0, {}, 0, 4, 0, 0, 40, {}};
-}
+const auto open = [](uint32_t m, uint32_t limit = 0) { return simple(TableCall::Open, m, limit); };
+const auto setMode = [](uint32_t mode) { return simple(TableCall::SetMode, mode); };
+template <TableCall::Kind kind>
+const auto onRange = [](int64_t offset, int64_t length, uint32_t flags = 0) {
+    return TableCall{kind, 0, 0, {}, flags, 0, offset, length, 0, {}};
+};
+const auto lock = onRange<TableCall::Lock>;
+const auto unlock = onRange<TableCall::Unlock>;
+const auto test = onRange<TableCall::Test>;
 const TableCall close = simple(TableCall::Close), info = simple(TableCall::Info);
 const TableCall isOpen = simple(TableCall::IsOpen), holders = simple(TableCall::Holders);
 
@@ -289,22 +283,6 @@ TEST(LocksRules, EveryPairOfModesFlagsAndRanges) {
 
 // ---- random calls ----
 
-class CallSource {
-public:
-    explicit CallSource(uint64_t seed) : random_(seed) {}
-
-    uint32_t below(uint32_t n) {
-        return std::uniform_int_distribution<uint32_t>(0, n - 1)(random_);
-    }
-
-    TableCall next(uint32_t pid) {
-        return anyTableCall([this](uint32_t n) { return below(n); }, pid);
-    }
-
-private:
-    std::mt19937_64 random_;
-};
-
 // Whether a record of the table is what the model has at its place.
 bool isRecord(const TableRecord &found, const ModelRecord &r) {
     int64_t end = static_cast<int64_t>(r.stop - 1);
@@ -336,14 +314,17 @@ void expectTableHolds(const SharedFileLockTable *table, const LockTableModel &mo
 TEST(LocksRules, RandomCallsOfThreeProcesses) {
     const uint64_t seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
-    CallSource source(seed);
+    std::mt19937_64 random(seed);
+    const auto below = [&random](uint32_t n) {
+        return std::uniform_int_distribution<uint32_t>(0, n - 1)(random);
+    };
     Play play;
     std::array<int, 9> refusals{};  // a run that never met one would prove little
     for (int done = 0; done < 300000 && !HasFailure();) {
-        const Worker &worker = play.workers[source.below(3)];
-        std::vector<TableCall> calls(1 + source.below(kMaxBatch));
+        const Worker &worker = play.workers[below(3)];
+        std::vector<TableCall> calls(1 + below(kMaxBatch));
         for (TableCall &call : calls)
-            call = source.next(play.workers[source.below(3)].pid());
+            call = anyTableCall(below, play.workers[below(3)].pid());
         for (const TableAnswer &answer : play.calls(worker, calls))
             if (answer.code >= SHARED_ERR_DENIED)
                 ++refusals[static_cast<size_t>(answer.code - SHARED_ERR_DENIED)];

@@ -9,14 +9,13 @@
 #include <iterator>
 
 inline int codeOfCall(SharedFileLockTable *table, const TableCall &c, TableAnswer &a) {
+    // clang-format off
     switch (c.kind) {
     case TableCall::Open:
         return OpenSharedFile(table, c.owner, c.handle, &c.key, c.mode, c.maxOpens,
                               c.name[0] != 0 ? c.name : nullptr, &a.combined);
-    case TableCall::Close:
-        return CloseSharedFile(table, c.owner, c.handle, &c.key);
-    case TableCall::IsOpen:
-        return SharedFileIsOpen(table, &c.key);
+    case TableCall::Close: return CloseSharedFile(table, c.owner, c.handle, &c.key);
+    case TableCall::IsOpen: return SharedFileIsOpen(table, &c.key);
     case TableCall::Info:
         return SharedFileInfo(table, &c.key, &a.combined, &a.count, a.name.data(), c.nameSize);
     case TableCall::Lock:
@@ -27,11 +26,10 @@ inline int codeOfCall(SharedFileLockTable *table, const TableCall &c, TableAnswe
         return TestSharedFileRange(table, c.owner, c.handle, &c.key, c.offset, &a.length, c.mode);
     case TableCall::Holders:
         return GetOplockHolders(table, &c.key, a.pids.data(), c.maxOpens, &a.count);
-    case TableCall::SetMode:
-        return SetSharedFileMode(table, c.owner, c.handle, &c.key, c.mode);
-    case TableCall::Clean:
-        return CleanSharedFileLockTable(table, static_cast<int32_t>(c.mode));
+    case TableCall::SetMode: return SetSharedFileMode(table, c.owner, c.handle, &c.key, c.mode);
+    case TableCall::Clean: return CleanSharedFileLockTable(table, static_cast<int32_t>(c.mode));
     }
+    // clang-format on
     std::abort();
 }
 

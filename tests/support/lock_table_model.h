@@ -91,28 +91,20 @@ private:
     int codeOf(uint32_t pid, const TableCall &call, TableAnswer &answer) {
         const ModelRecord caller{pid, call.owner, call.handle, false, 0, 0, call.mode};
         ModelFile *file = find(call.key);
+        // clang-format off
         switch (call.kind) {
-        case TableCall::Open:
-            return open(file, caller, call, answer);
-        case TableCall::Close:
-            return close(file, caller);
-        case TableCall::IsOpen:
-            return file != nullptr;
-        case TableCall::Info:
-            return info(file, call, answer);
-        case TableCall::Lock:
-            return lock(file, withRange(caller, call));
-        case TableCall::Unlock:
-            return unlock(file, withRange(caller, call));
-        case TableCall::Test:
-            return test(file, withRange(caller, call), answer);
-        case TableCall::Holders:
-            return holders(file, call, answer);
-        case TableCall::SetMode:
-            return setMode(file, caller);
-        case TableCall::Clean:
-            return clean(call.mode);
+        case TableCall::Open: return open(file, caller, call, answer);
+        case TableCall::Close: return close(file, caller);
+        case TableCall::IsOpen: return file != nullptr;
+        case TableCall::Info: return info(file, call, answer);
+        case TableCall::Lock: return lock(file, withRange(caller, call));
+        case TableCall::Unlock: return unlock(file, withRange(caller, call));
+        case TableCall::Test: return test(file, withRange(caller, call), answer);
+        case TableCall::Holders: return holders(file, call, answer);
+        case TableCall::SetMode: return setMode(file, caller);
+        case TableCall::Clean: return clean(call.mode);
         }
+        // clang-format on
         std::abort();
     }
     ModelFile *find(const SharedFileKey &key) {
