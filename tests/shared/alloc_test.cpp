@@ -14,41 +14,54 @@ namespace {
 class Chunks : public TestArena {
 protected:
     Chunks() { EXPECT_EQ(open(SHARED_ARENA_CREATE), 0u); }
+
+    // On the arena and on the model.
+    void allocateBoth(const std::string &name, uint64_t wanted) {
+        uint64_t modelSize = wanted, modelOffset = 0;
+        bool modelCreated = false;
+        const uint32_t expected = model.allocate(name, modelSize, modelOffset, modelCreated);
+        void *chunk = allocate(name.empty() ? nullptr : name.c_str(), wanted);
+        ASSERT_EQ(result, expected) << wanted;
+        ASSERT_EQ(created == 1, modelCreated);
+        ASSERT_EQ(size, modelSize);
+        if (expected != 0) return;
+        ASSERT_EQ(offsetOf(chunk), modelOffset + 40);
+        auto *data = static_cast<char *>(chunk);
+        ASSERT_TRUE(
+            std::all_of(data, data + size, [&](char c) { return c == (created ? 0 : 'x'); }));
+        if (created == 1) {
+            ASSERT_EQ(field(0x40), modelOffset) << "the newest is first";
+        }
+        std::memset(data, 'x', size);
+        held.push_back(chunk);
+    }
+    void freeBoth(size_t which) {
+        void *chunk = held[which];
+        model.release(offsetOf(chunk) - 40);
+        ASSERT_EQ(FreeSharedChunk(arena, chunk), 0u);
+        held.erase(held.begin() + static_cast<std::ptrdiff_t>(which));
+    }
+    void compare() {
+        ASSERT_EQ(fault(), "");
+        ASSERT_TRUE(holds(model.blocks()));
+    }
+
+    ChunkModel model{4096};
+    std::vector<void *> held;
 };
 
 TEST_F(Chunks, SizesAtTheEdgesOfTheHeapAndOfTheNumbers) {
-    constexpr uint32_t kNoSpace = SHARED_ERR_NOSPACE;
-    const struct {
-        uint64_t bytes;
-        uint32_t code = 0;
-        size_t blocks = 1;
-        const char *name = nullptr;
-    } rows[] = {{3984},
-                {3944},  // what is left would be no more than a header
-                {3936, 0, 2},
-                {3979, 0, 1, "four"},
-                {3980, kNoSpace, 1, "four"},
-                {3985, kNoSpace},
-                {4096, kNoSpace},
-                {4097, kNoSpace},
-                {uint64_t{1} << 63, kNoSpace},
-                {UINT64_MAX - 48, kNoSpace},
-                {UINT64_MAX - 47, kNoSpace},
-                {UINT64_MAX - 46, kNoSpace, 1, "four"},
-                {UINT64_MAX - 7, kNoSpace},
-                {UINT64_MAX, kNoSpace, 1, "four"}};
-    for (const auto &row : rows) {
-        void *chunk = allocate(row.name, row.bytes);
-        EXPECT_EQ(result, row.code) << row.bytes;
-        EXPECT_EQ(size, row.bytes);
-        EXPECT_EQ(fault(), "");
-        EXPECT_EQ(blocks().size(), row.blocks) << row.bytes;
-        if (chunk != nullptr) {
-            EXPECT_EQ(FreeSharedChunk(arena, chunk), 0u);
+    for (const std::string name : {"", "four"})
+        for (const uint64_t bytes :
+             {3936ul, 3937ul, 3944ul, 3979ul, 3980ul, 3984ul, 3985ul, 4096ul, 4097ul, 1ul << 63,
+              UINT64_MAX - 48, UINT64_MAX - 47, UINT64_MAX - 46, UINT64_MAX - 7, UINT64_MAX}) {
+            allocateBoth(name, bytes);
+            compare();
+            if (!held.empty()) freeBoth(0);
+            ASSERT_FALSE(HasFatalFailure()) << name << " " << bytes;
         }
-    }
-    EXPECT_EQ(allocate(std::string(5000, 'n').c_str(), 8), nullptr);
-    EXPECT_EQ(result, kNoSpace);
+    allocateBoth(std::string(5000, 'n'), 8);
+    EXPECT_TRUE(held.empty());
 }
 
 TEST_F(Chunks, AChunkOnNoListEndsWithoutNameAndReferences) {
@@ -212,68 +225,28 @@ TEST_F(Chunks, TheTraceTellsNamesAndReferences) {
                       "FreeSharedChunk FreeSharedChunk(?): refs=0\n");
 }
 
-class ChunksBesideTheModel : public TestArena {
-protected:
-    static constexpr uint64_t kBytes = 64 * 1024;
-
-    ChunksBesideTheModel() { EXPECT_EQ(open(SHARED_ARENA_CREATE, kBytes), 0u); }
-
-    uint64_t pick(uint64_t below) { return random() % below; }
-
-    void allocateBoth() {
-        const std::string name =
-            pick(3) == 0 ? "" : (pick(9) == 0 ? "Chunk" : "chunk") + std::to_string(pick(200));
-        const uint64_t wanted = pick(10) == 0 ? 0 : pick(20) == 0 ? pick(20000) : pick(600);
-        uint64_t modelSize = wanted, modelOffset = 0;
-        bool modelCreated = false;
-        const uint32_t expected = model.allocate(name, modelSize, modelOffset, modelCreated);
-        void *chunk = allocate(name.empty() ? nullptr : name.c_str(), wanted);
-        ASSERT_EQ(result, expected);
-        ASSERT_EQ(created == 1, modelCreated);
-        ASSERT_EQ(size, modelSize);
-        if (expected != 0) return;
-        ASSERT_EQ(offsetOf(chunk), modelOffset + 40);
-        auto *data = static_cast<char *>(chunk);
-        ASSERT_TRUE(
-            std::all_of(data, data + size, [&](char c) { return c == (created ? 0 : 'x'); }));
-        if (created == 1) {
-            ASSERT_EQ(field(0x40), modelOffset) << "the newest is first";
-        }
-        std::memset(data, 'x', size);
-        held.push_back(chunk);
-    }
-
-    void freeBoth() {
-        const auto which = held.begin() + static_cast<std::ptrdiff_t>(pick(held.size()));
-        const uint64_t block = offsetOf(*which) - 40;
-        ASSERT_EQ(FreeSharedChunk(arena, *which), 0u);
-        model.release(block);
-        held.erase(which);
-    }
-
-    void compare() {
-        ASSERT_EQ(fault(), "");
-        ASSERT_TRUE(holds(model.blocks()));
-    }
-
-    ChunkModel model{kBytes};
-    std::vector<void *> held;
+TEST_F(Chunks, AHundredThousandOperationsComeOutAsInTheModel) {
+    constexpr uint64_t kBytes = 64 * 1024;
+    close();
+    ASSERT_EQ(open(SHARED_ARENA_CREATE, kBytes), 0u);
+    model = ChunkModel(kBytes);
     std::mt19937_64 random{20260101};
-};
-
-TEST_F(ChunksBesideTheModel, AHundredThousandOperationsComeOutTheSame) {
+    const auto pick = [&random](uint64_t below) { return random() % below; };
     for (int step = 0; step < 100000; ++step) {
         // Rising and falling: from nearly empty to more than full and back.
         const uint64_t chance = (step / 2000) % 2 == 0 ? 60 : 40;
-        if (held.empty() || pick(100) < chance)
-            allocateBoth();
-        else
-            freeBoth();
+        if (held.empty() || pick(100) < chance) {
+            const std::string name = (pick(9) == 0 ? "Chunk" : "chunk") + std::to_string(pick(200));
+            const uint64_t bytes = pick(10) == 0 ? 0 : pick(20) == 0 ? pick(20000) : pick(600);
+            allocateBoth(pick(3) == 0 ? "" : name, bytes);
+        } else {
+            freeBoth(pick(held.size()));
+        }
         if (step % 16 == 0) compare();
         if (HasFatalFailure()) FAIL() << "at step " << step;
     }
     while (!held.empty())
-        freeBoth();
+        freeBoth(0);
     compare();
     EXPECT_EQ(model.blocks().size(), 1u);
 }

@@ -40,6 +40,7 @@ public:
             return 0;
         }
         if (size == 0) return SHARED_ERR_NOTFOUND;
+        if (size > blocks_.back().offset + blocks_.back().size) return SHARED_ERR_NOSPACE;
         const uint64_t bytes = 40 + size + (name.empty() ? 0 : name.size() + 1);
         const uint64_t needed = (bytes + 7) & ~uint64_t{7};
         auto place = blocks_.end();
