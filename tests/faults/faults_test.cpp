@@ -12,6 +12,7 @@
 #include "iosched/shared.h"
 #include "iosched/util.h"
 #include "sched/ready_internal.h"
+#include "shared/pid_internal.h"
 #include "support/in_child.h"
 #include "support/scratch_dir.h"
 
@@ -222,6 +223,15 @@ void startAndRaiseLimit() {
     start();
     limitTo(80, 256);
 }
+// Without memory that is wiped at every fork the kernel has to be asked.
+void expectOwnPidInChildren() {
+    const auto isRight = [] { return ownPid() == static_cast<uint32_t>(::syscall(SYS_getpid)); };
+    EXPECT_TRUE(isRight());
+    EXPECT_CHILD_OK([&] { EXPECT_TRUE(isRight()); });
+    const long unheardOf = ::syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, 0);
+    if (unheardOf == 0) ::_exit(isRight() ? 0 : 1);
+    EXPECT_EQ(waitForChild(static_cast<pid_t>(unheardOf)), 0);
+}
 // What becomes of a child that runs one or two passes, a program that has everything changed before
 // it starts, one without descriptors, a daemon, and one on a terminal of its own.
 int passesInChild() {
@@ -375,6 +385,8 @@ const std::vector<Scenario> kScenarios = {
     {"AIOWrite", startWithPipe, RUN(AIOWrite(&request), -1), cancel},
     {"AIORead, its transfer", startWithPipe, [] { return cancel(), transfer(AIORead(&request)); },
      cancel},
+    {"AIORead, its transfer interrupted", startWithPipe,
+     [] { return cancel(), transfer(AIORead(&request)); }, cancel, "", {.error = EINTR}},
     {"AIOWrite, its transfer", DO(startWithPipe(), request.fd = ends[1]),
      [] { return cancel(), transfer(AIOWrite(&request)); }, cancel},
     // util
@@ -399,7 +411,9 @@ const std::vector<Scenario> kScenarios = {
     {"ForkSharedArena", makeArena, RUN(ForkSharedArena(arena)), nothing},
     {"ForkSharedArena without room", makeArena, RUN(ForkSharedArena(arena)), nothing, "open",
      {.retried = "open", .error = EMFILE}},
-    // chunks, mutexes and tables
+    // process ids, chunks, mutexes and tables
+    {"preparePid", nothing, [] { return preparePid(), kWorked; }, expectOwnPidInChildren,
+     "mmap madvise pthread_atfork"},
     {"AllocateSharedChunk", makeArena, [] { return allocate("c", 8); }, freeChunk},
     {"AllocateSharedChunk, there already", makeChunk, [] { return allocate("c", 8); }, freeChunk,
      "pthread_mutex_unlock"},

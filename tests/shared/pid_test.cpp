@@ -1,12 +1,6 @@
 #include "shared/pid_internal.h"
 #include "support/in_child.h"
 
-#include <cstddef>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-
 namespace {
 
 uint32_t kernelPid() {
@@ -66,38 +60,6 @@ TEST(Pid, IsRightBeforeAndAfterItIsRememberedAndInEveryKindOfChild) {
               }),
               0);
     expectOwnPid();
-}
-
-// Lets one system call fail with EINVAL, as an older kernel's would.
-void refuseMadvise() {
-    sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_madvise, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog program{sizeof code / sizeof code[0], code};
-    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
-}
-
-TEST(Pid, IsRightWhereTheKernelWipesNoMemoryOrHasNone) {
-    EXPECT_CHILD_OK([] {
-        refuseMadvise();
-        preparePid();
-        EXPECT_EQ(*ownPidWord, 0u);
-        expectOwnPid();
-        EXPECT_CHILD_OK(expectOwnPid);
-        EXPECT_EQ(inBareChild(expectOwnPid), 0);
-    });
-    EXPECT_CHILD_OK([] {
-        const rlimit none{0, 0};
-        ASSERT_EQ(::setrlimit(RLIMIT_AS, &none), 0);
-        preparePid();
-        const uint32_t remembered = *ownPidWord;
-        const uint32_t found = ownPid();
-        if (remembered != 0 || found != kernelPid()) ::_exit(2);
-    });
 }
 
 }  // namespace

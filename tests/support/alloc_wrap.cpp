@@ -18,28 +18,20 @@ bool mayAllocate() {
 
 }  // namespace
 
+#define WRAP_ALLOCATION(name, parameters, ...)                                                     \
+    extern "C" void *__real_##name parameters;                                                     \
+    extern "C" void *__wrap_##name parameters;                                                     \
+    extern "C" void *__wrap_##name parameters {                                                    \
+        return mayAllocate() ? __real_##name(__VA_ARGS__) : nullptr;                               \
+    }
+WRAP_ALLOCATION(malloc, (size_t size), size)
+WRAP_ALLOCATION(calloc, (size_t count, size_t size), count, size)
+WRAP_ALLOCATION(realloc, (void *block, size_t size), block, size)
+
 extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *block, size_t size);
 void *__real_reallocarray(void *block, size_t count, size_t size);
 
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *block, size_t size);
 void *__wrap_reallocarray(void *block, size_t count, size_t size);
-
-void *__wrap_malloc(size_t size) {
-    return mayAllocate() ? __real_malloc(size) : nullptr;
-}
-
-void *__wrap_calloc(size_t count, size_t size) {
-    return mayAllocate() ? __real_calloc(count, size) : nullptr;
-}
-
-void *__wrap_realloc(void *block, size_t size) {
-    return mayAllocate() ? __real_realloc(block, size) : nullptr;
-}
 
 void *__wrap_reallocarray(void *block, size_t count, size_t size) {
     void *grown = mayAllocate() ? __real_reallocarray(block, count, size) : nullptr;
