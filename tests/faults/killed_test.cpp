@@ -8,34 +8,24 @@
 
 namespace {
 
-class KilledCreator : public TestArena {
-protected:
-    // The wait status of one that is killed after so many calls.
-    int create(long calls) {
-        return inChild([=, this] {
-            static Fault death{};
-            death.isDeadly = true;
-            death.countdown = calls;
-            death.owner = ::getpid();
-            ::fault = &death;
-            death.armed = true;
-            EXPECT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u);
-            death.armed = false;
-        });
-    }
-    void leaveIdleArena() {
-        ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
-        ASSERT_NE(allocate("old", 64), nullptr);
-        close();
-    }
-};
+using KilledCreator = TestArena;
 
 TEST_F(KilledCreator, LeavesTheOldArenaNoneOrAWholeNewOne) {
     int oldOnes = 0, unfinished = 0, newOnes = 0;
+    Fault death{};
+    death.isDeadly = death.armed = true;
     for (long calls = 0;; ++calls) {
         SCOPED_TRACE(calls);
-        leaveIdleArena();
-        const int status = create(calls);
+        ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
+        ASSERT_NE(allocate("old", 64), nullptr);
+        close();
+        const int status = inChild([&] {
+            death.countdown = calls;
+            death.owner = ::getpid();
+            ::fault = &death;
+            EXPECT_EQ(open(SHARED_ARENA_CREATE, 8192), 0u);
+            ::fault = nullptr;
+        });
         if (status == 0) break;
         ASSERT_EQ(WTERMSIG(status), SIGKILL);
 

@@ -1,60 +1,12 @@
-// An arena with something of everything in it, ways to look at it, and arenactl as its users run
-// it.
+// An arena with something of everything in it.
 #pragma once
 
 #include "check.h"
 #include "support/in_child.h"
 #include "support/lock_table.h"
 
-#include <cstring>
-#include <fstream>
-
-inline std::span<const std::byte> bytesOf(const std::string &text) {
-    return std::as_bytes(std::span(text));
-}
-
-struct Answer {
-    int status;  // exit status, -1 if it did not exit
-    std::string text;
-
-    testing::AssertionResult has(const std::string &words) const {
-        if (text.find(words) != std::string::npos) return testing::AssertionSuccess();
-        return testing::AssertionFailure() << "no \"" << words << "\" in:\n" << text;
-    }
-};
-
-// What a program prints, on both of its outputs.
-inline Answer run(std::vector<std::string> words) {
-    const ScratchDir dir;
-    const int status = inChild([&] {
-        std::vector<char *> arguments;
-        for (std::string &word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        const int out = ::open((dir / "out").c_str(), O_WRONLY | O_CREAT, 0600);
-        (void)::dup2(out, 1);
-        (void)::dup2(out, 2);
-        (void)::execvp(arguments[0], arguments.data());
-        ::_exit(127);
-    });
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(dir / "out")};
-}
-
-inline Answer arenactl(std::vector<std::string> words) {
-    words.insert(words.begin(), ARENACTL);
-    return run(words);
-}
-
-// Does every file of the directory that ends in .json hold one JSON value? Asked of an ordinary
-// program.
-inline void expectJson(const ScratchDir &dir) {
-    const char *const kProgram =
-        "import glob, json, sys\n"
-        "for f in glob.glob(sys.argv[1] + '/*.json'): json.loads(open(f, 'rb').read())";
-    const Answer answer = run({"python3", "-c", kProgram, dir.path()});
-    if (answer.status == 127) GTEST_SKIP() << "there is no python3 here";
-    EXPECT_EQ(answer.status, 0) << answer.text;
-}
+#include <cstdlib>
+#include <span>
 
 // A lock table of 2 files with opens and locks, anonymous and named chunks, and free blocks
 // between.
@@ -91,7 +43,6 @@ public:
         return chunk;
     }
 
-    std::string bytes() const { return readFile(path()); }
     std::span<std::byte> mapped() const {
         return {static_cast<std::byte *>(arena->base), arena->mapLength};
     }
