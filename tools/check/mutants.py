@@ -567,6 +567,16 @@ def all_mutants(path):
     return jobs
 
 
+def survivors_of(file):
+    """The survivors of a former run, from its matrix of kills, as jobs."""
+    with open(file, encoding='utf-8') as former:
+        jobs = [mutant for mutant in json.load(former) if mutant['verdict'] == 'survived']
+    for job in jobs:
+        with open(os.path.join(ROOT, job['file']), encoding='utf-8') as source:
+            job['text'] = source.read()
+    return jobs
+
+
 def ordered_programs(file, programs, times, first_kill):
     """The programs that a mutant of the file meets: the one of its own directory, then the rest."""
     own = file.split('/')[1] if file.count('/') > 1 else ''
@@ -601,6 +611,9 @@ def run_all(lanes, mutants, count, order):
             pending[0] -= 1
             done.extend(mutants_)
             lock.notify_all()
+            for mutant in mutants_:
+                if mutant['verdict'] == 'survived':
+                    show(mutant)
             if sys.stderr.isatty():
                 print(f'{counted()} of {count}', end='\r', file=sys.stderr)
 
@@ -628,16 +641,12 @@ def show(mutant):
     print(f'{mutant["file"]}:{mutant["line"]}  {mutant["kind"]}')
     for sign, lines in (('-', old), ('+', new)):
         for line in lines.splitlines():
-            print(f'  {sign}{line}')
+            print(f'  {sign}{line}', flush=True)
 
 
 def report(done, seconds, full):
     killed = [m for m in done if m['verdict'] == 'killed']
     survivors = [m for m in done if m['verdict'] == 'survived']
-    if survivors:
-        print('survivors:')
-    for mutant in survivors:
-        show(mutant)
     counted = len(killed) + len(survivors)
     score = 100 * len(killed) / counted if counted else 100.0
     print(f'{counted} mutants, {len(done) - counted} more thrown away, {seconds:.0f} s: '
@@ -675,6 +684,7 @@ def main():
     parser.add_argument('seed', nargs='?', default='1', help='another seed, other mutants')
     parser.add_argument('path', nargs='?', default='src', help='file or directory below src/')
     parser.add_argument('--first', action='store_true', help='stop each at the first test failing')
+    parser.add_argument('--again', metavar='KILLS', help='only the survivors of that kills.json')
     parser.add_argument('--least', type=float, default=0, help='fail below this score in percent')
     parser.add_argument('--lanes', type=int, default=os.cpu_count(), help='how many at a time')
     parser.add_argument('--lane', type=int, help=argparse.SUPPRESS)
@@ -683,7 +693,7 @@ def main():
         return lane(options.lane)
 
     began, lanes, programs = time.monotonic(), [], test_programs()
-    mutants = all_mutants(options.path)
+    mutants = survivors_of(options.again) if options.again else all_mutants(options.path)
     random.Random(options.seed).shuffle(mutants)
     try:
         lanes = start_lanes(options.lanes, programs)
