@@ -34,6 +34,11 @@ TEST_F(Sleep, OfZeroRunsOnePass) {
     EXPECT_EQ(pipe.inputs, 1);
     EXPECT_EQ(ZORsleep(0), 0U);
     EXPECT_EQ(pipe.inputs, 2);
+    pipe.drain();
+    TestTimer timer(200);
+    startTimer(&timer);
+    EXPECT_EQ(msleep(0), 0);
+    EXPECT_EQ(iopeek(), 0);  // nor has it waited until the timer came
 }
 
 // 4294968 s are 704 ms in 32 bits of milliseconds.
