@@ -88,6 +88,19 @@ TEST(ParkedNowhere, WithoutASetTheLoopPolls) {
     }
 }
 
+// Looks for closed descriptors cut a wait, but not for ever: a server with nothing to do sleeps.
+TEST_F(Parked, AWaitIsCutForOneLapOnly) {
+    parkingPolicy = Parking::kAlways;
+    TestPipe pipe;
+    pipe.input();
+    (void)iosched(0);
+    rusage before{}, after{};
+    (void)::getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(iosched(1), 0);
+    (void)::getrusage(RUSAGE_SELF, &after);
+    EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 4);
+}
+
 // poll goes on when the process was stopped in it. A stop signal needs a process group of its own.
 TEST(ParkedWait, OutlivesAStop) {
     TestPipe pipe;

@@ -55,6 +55,9 @@ TEST_F(Signals, FromAnotherProcessEndTheWaitBeforeTheCallback) {
     EXPECT_EQ(iosched(-1), -1);
     EXPECT_EQ(errno, EINTR);
     EXPECT_TRUE(arrived.empty());
+    sigset_t pending;
+    EXPECT_EQ(::sigpending(&pending), 0);
+    EXPECT_EQ(sigismember(&pending, SIGUSR1), 0);  // its handler has run in the wait
     EXPECT_EQ(iosched(-1), 1);
     EXPECT_EQ(arrived, Log{SIGUSR1});
     EXPECT_EQ(sender.await(), 0);
