@@ -89,6 +89,8 @@ TEST(InitSched, CountsAndClosesTheSignalPipeWithTheLast) {
     EXPECT_EQ(iosched(0), 0);  // nobody polls the closed pipe, and nothing comes back
     EXPECT_EQ(countOpenDescriptors(), before);
     EXPECT_EQ(WTERMSIG(inChild([] { (void)ExitSched(); })), SIGABRT);
+    startLibrary();
+    EXPECT_EQ(countOpenDescriptors(), started);
 }
 
 TEST(InitSched, NamesTheModuleThatFailedAndKeepsWhatIsThereForTheNextStart) {

@@ -3,6 +3,7 @@
 #include "support/loop.h"
 
 #include <array>
+#include <ctime>
 
 namespace {
 
@@ -30,6 +31,7 @@ TEST_F(Parked, IdleDescriptorsAreParkedAndBusyOnesAreNot) {
 
 TEST_F(Parked, WhatIsClosedBehindTheLoopsBackIsNoticed) {
     parkingPolicy = Parking::kAlways;
+    (void)::close(STDIN_FILENO);  // so that the pipe is the first that a look comes to
     TestPipe pipe, other;
     const int heldOpen = ::dup(pipe.fd);  // so that the file stays in the set
     pipe.input();
@@ -48,6 +50,7 @@ TEST_F(Parked, WhatIsClosedBehindTheLoopsBackIsNoticed) {
 // A child of a plain fork makes sets of its own in place of those that it has from its parent, and
 // leaves its own files alone where it has closed everything.
 TEST_F(Parked, AChildReplacesItsParentsSetsAndClosesNothingElse) {
+    parkingPolicy = Parking::kAlways;
     TestPipe pipe;
     pipe.input();
     (void)iosched(0);
@@ -62,6 +65,7 @@ TEST_F(Parked, AChildReplacesItsParentsSetsAndClosesNothingElse) {
             for (int look = 0; look < 2; ++look) {
                 EXPECT_EQ(iopeek(), closesAll ? 1 : 0);
                 EXPECT_EQ(countOpenDescriptors(), before + (closesAll ? 2 : 0));
+                EXPECT_TRUE(parking);
             }
         });
     }
@@ -99,6 +103,11 @@ TEST_F(Parked, AWaitIsCutForOneLapOnly) {
     EXPECT_EQ(iosched(1), 0);
     (void)::getrusage(RUSAGE_SELF, &after);
     EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 4);
+    TestTimer end(1000);
+    startTimer(&end);
+    const std::clock_t usedBefore = std::clock();
+    EXPECT_EQ(iosched(-1), -1);
+    EXPECT_LT(std::clock() - usedBefore, CLOCKS_PER_SEC / 2);
 }
 
 // poll goes on when the process was stopped in it. A stop signal needs a process group of its own.

@@ -105,6 +105,16 @@ TEST_F(Signals, EnableSignalsRunsCallbacksAtOnceAndKeepsErrno) {
     EXPECT_EQ(arrived, (Log{SIGUSR1, SIGUSR1}));
 }
 
+TEST_F(Signals, ACallbackThatFaultsReachesTheProgramsOwnHandler) {
+    const int status = inChild([] {
+        (void)::signal(SIGSEGV, [](int) { ::_exit(7); });
+        (void)catchSignal(SIGUSR1, [](int) { (void)::raise(SIGSEGV); });
+        (void)enableSignals();
+        raiseHere(SIGUSR1);
+    });
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
 sigset_t maskNow() {
     sigset_t mask;
     (void)::pthread_sigmask(SIG_SETMASK, nullptr, &mask);

@@ -104,6 +104,19 @@ TEST_F(Arena, SizesThatCannotBeAreRefusedBeforeTheOldContentsGo) {
 
 // Files for one who attaches; and for a creator while another process holds them, who waits for
 // what can still become an arena, but not for anything else.
+TEST_F(Arena, DescriptorZeroIsOneLikeAnother) {
+    EXPECT_CHILD_OK([this] {
+        (void)::close(STDIN_FILENO);
+        ASSERT_EQ(::open("/dev/null", O_RDONLY), STDIN_FILENO);
+        EXPECT_EQ(openWithOutputKept(0), SCHED_ERR_SYSTEM);
+        EXPECT_EQ(::close(STDIN_FILENO), 0);  // which a failing open must leave alone
+        ASSERT_EQ(open(SHARED_ARENA_CREATE), 0u);
+        EXPECT_EQ(arena->descriptor, STDIN_FILENO);
+        close();
+        EXPECT_EQ(remove(), 0u);
+    });
+}
+
 TEST_F(Arena, FilesThatAreNoArenaGetACode) {
     leaveIdleArena(8192);
     const std::string good = readFile(path);
