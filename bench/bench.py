@@ -4,7 +4,8 @@
 usage: bench.py [--quick] BUILD [REGEX]     REGEX picks lines of the table by their text
 
 All workers of a line are started first, then asked for a round each in turn, several times over; the
-table shows medians and the ratio of the first column to the best of the others."""
+table shows medians, and how the first column compares to the best of the others: in each round by
+itself, since the speed of a shared machine changes between rounds."""
 import json, os, platform, re, select, signal, statistics, subprocess, sys, time
 
 LOOPS = ["iosched", "libevent", "libuv", "libev", "sdevent"]
@@ -139,13 +140,13 @@ def measure(build, row, rounds, milliseconds):
             worker.stop()
     row["median"] = {w.column: w.excuse or statistics.median(w.rounds) for w in workers}
     row["rounds"] = {w.column: w.rounds for w in workers}
-    row["ratio"] = ratio(row["median"], row["columns"])
+    row["ratio"] = ratio(*(w.rounds if w.excuse is None else [] for w in workers))
 
 
-def ratio(median, columns):
-    peers = [median[c] for c in columns[1:] if not isinstance(median[c], str)]
-    own = median[columns[0]]
-    return None if isinstance(own, str) or not peers else own / min(peers)
+def ratio(own, *peers):
+    """To the best peer: the median over all rounds, or None where there is nothing to compare."""
+    ratios = [statistics.median(a / b for a, b in zip(own, rounds)) for rounds in peers if own and rounds]
+    return max(ratios, default=None)
 
 
 def figure(value):
@@ -198,7 +199,7 @@ def main(arguments):
     build, pattern = ([a for a in arguments if a != "--quick"] + [""])[:2]
     results, columns = [], None
     for row in (r for r in TABLE if re.search(pattern, r["title"])):
-        measure(build, row, *((3, 5) if quick else (9, 25)))
+        measure(build, row, *((3, 5) if quick else (25, 10)))
         own = LOCKS if row["program"].startswith("bench_locks") else LOOPS
         if own != columns:
             columns = own
