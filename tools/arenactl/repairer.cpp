@@ -151,7 +151,7 @@ private:
     }
 
     static std::string nameOf(const HeapBlock &block) {
-        return block.named ? quoted(block.name) : std::string("without a name,");
+        return block.named ? quoted(block.name) : std::string("an unnamed one");
     }
 
     std::vector<HeapBlock> blocks() const {
@@ -227,8 +227,8 @@ private:
         for (const uint32_t pid : dead_) {
             if (pid != 0) pids += (pids.empty() ? "" : " and ") + printed("%" PRIu32, pid);
         }
-        report_->notes.push_back("references to chunks that process " +
-                                 (pids.empty() ? "without a name" : pids) +
+        report_->notes.push_back("references to chunks that " +
+                                 (pids.empty() ? "a dead process" : "process " + pids) +
                                  " held stay counted; the counts are now: " + chunks);
     }
 
