@@ -47,7 +47,7 @@ static void onConnection(void *arg, int listener) {
 int main(int argc, char **argv) {
     struct sockaddr_in at = {.sin_family = AF_INET, .sin_addr.s_addr = htonl(INADDR_LOOPBACK)};
     int listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    at.sin_port = htons((uint16_t)(argc > 1 ? atoi(argv[1]) : 7007));
+    at.sin_port = htons((uint16_t)(argc > 1 ? strtoul(argv[1], NULL, 10) : 7007));
     if (bind(listener, (struct sockaddr *)&at, sizeof at) != 0 || listen(listener, 128) != 0)
         return perror("echo_server"), 1;
     if (InitSched(SCHED_VERSION_MAJOR, SCHED_VERSION_MINOR, NULL, 0) != 0) return 1;
