@@ -69,6 +69,7 @@ TEST_F(Spawn, CommandsAndOptions) {
          "second\n" + std::filesystem::canonical(dir.path()).string() + "\n4"},
         {options(SPAWN_SETUID | SPAWN_SETGID | SPAWN_SETGROUPS), ids, "",
          "Uid: 1001 1001 1001 1001 Gid: 1002 1002 1002 1002 Groups: 2001 2002 0"},
+        {options(0), "grep -c Groups:.*2001 /proc/self/status", "", "0\n1"},
         {options(0), leads, "", "1\n1\n0"},
         {options(0, SPAWN_EXT_SETPGRP), leads, "", "0\n1\n0"},
         {options(0, SPAWN_EXT_SETSID), leads, "", "0\n0\n0"},

@@ -47,6 +47,30 @@ TEST_F(Parked, WhatIsClosedBehindTheLoopsBackIsNoticed) {
     (void)::close(heldOpen);
 }
 
+TEST_F(Parked, AFileRegisteredAnewUnderItsNumberIsServedAtOnce) {
+    parkingPolicy = Parking::kAlways;
+    TestPipe pipe, other;
+    pipe.input();
+    EXPECT_EQ(iosched(0), 0);
+    EXPECT_EQ(::dup2(other.fd, pipe.fd), pipe.fd);
+    pipe.input();
+    other.fill();
+    EXPECT_EQ(iosched(0), 1);
+}
+
+TEST_F(Parked, MoreThanAreComparedInOneGo) {
+    parkingPolicy = Parking::kAlways;
+    const DescriptorLimit limit(4096);
+    ASSERT_EQ(ResizeSchedTable(), 0);
+    std::array<TestPipe, 1100> pipes;
+    for (TestPipe &pipe : pipes) {
+        pipe.input();
+        pipe.fill();
+    }
+    for (int pass = 0; pass < 3; ++pass)
+        EXPECT_EQ(iosched(0), 1100);
+}
+
 // A child of a plain fork makes sets of its own in place of those that it has from its parent, and
 // leaves its own files alone where it has closed everything.
 TEST_F(Parked, AChildReplacesItsParentsSetsAndClosesNothingElse) {

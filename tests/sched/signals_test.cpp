@@ -46,6 +46,25 @@ TEST_F(Signals, CatchSignalReportsThePreviousHandler) {
     EXPECT_EQ(catchSignal(SIGRTMAX, record), SIG_DFL);
     raiseHere(SIGRTMAX);
     EXPECT_TRUE(runUntil([] { return arrived == Log{SIGRTMAX}; }));
+    const int status = inChild([] {
+        (void)catchSignal(SIGUSR1, SIG_DFL);
+        raiseHere(SIGUSR1);
+    });
+    EXPECT_EQ(WTERMSIG(status), SIGUSR1);
+}
+
+// What says that a signal has arrived is one open file for both until the child's first pass.
+TEST_F(Signals, AChildThatCatchesOneNoMoreLeavesItToItsParent) {
+    (void)catchSignal(SIGUSR1, record);
+    TestPipe busy;
+    busy.input();
+    busy.fill();
+    EXPECT_CHILD_OK([] { (void)catchSignal(SIGUSR1, SIG_DFL); });
+    for (int pass = 0; pass < 4; ++pass) {
+        if (pass == 2) raiseHere(SIGUSR1);  // the first two serve the child's end
+        EXPECT_GT(iosched(0), 0);
+    }
+    EXPECT_EQ(arrived, Log{SIGUSR1});
 }
 
 TEST_F(Signals, FromAnotherProcessEndTheWaitBeforeTheCallback) {
