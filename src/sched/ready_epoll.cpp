@@ -182,7 +182,10 @@ bool addEvent(const epoll_event &event, Findings *found) {
         return true;
     }
     const int fd = static_cast<int>(event.data.u64 & UINT32_MAX);
-    // Among many descriptors none of these is in the cache: the callback's data comes in meanwhile.
+    // Only of a set that the program has put in the place of ours.
+    if (fd < 0 || fd >= tableSize) return false;
+    // With many descriptors neither table is in the cache, nor is what the callback works on: all
+    // come in together instead of one after the other.
     __builtin_prefetch(fdtab[fd].input.arg);
     if (parkTab[fd].place != Place::kInSet || eventData(fd) != event.data.u64) return false;
     found->add(fd, static_cast<int>(event.events));

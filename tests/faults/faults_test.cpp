@@ -331,6 +331,7 @@ const std::vector<Scenario> kScenarios = {
     {"catchSignal", start, RUN(catchSignal(SIGUSR1, onSignal) == SIG_ERR ? -1 : 0, -1),
      DO((void)catchSignal(SIGUSR1, SIG_DFL)), "signalfd", {.blocks = true}},
     {"iosched", startWithPipe, RUN(iosched(0), -1), nothing},
+    {"iosched, a signal waiting", startWithPipe, RUN((::raise(SIGCHLD), iosched(0)), -1), nothing, "read write"},
     // A set that cannot be asked passes for somebody else's descriptor and is not closed.
     {"iosched, parked", startParked, RUN(iosched(0), -1), nothing, kAsking, {.spared = "epoll_wait"}},
     {"registerInput, parked", DO(startParked(), iosched(0)),
