@@ -16,7 +16,8 @@ if(IOSCHED_SANITIZE)
     target_link_options(iosched_options INTERFACE -fsanitize=${IOSCHED_SANITIZE})
     # clang would put its sanitizer into the program, where the tests' wrappers took its calls for
     # the library's, before it is ready for any.
-    if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND NOT IOSCHED_SANITIZE MATCHES fuzzer)
+    if(CMAKE_CXX_COMPILER_ID MATCHES Clang AND IOSCHED_SANITIZE MATCHES address
+        AND NOT IOSCHED_SANITIZE MATCHES fuzzer)
         execute_process(COMMAND_ERROR_IS_FATAL ANY OUTPUT_STRIP_TRAILING_WHITESPACE
             COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so
             OUTPUT_VARIABLE sanitizer)

@@ -572,7 +572,10 @@ def survivors_of(file):
     with open(file, encoding='utf-8') as former:
         jobs = [mutant for mutant in json.load(former) if mutant['verdict'] == 'survived']
     for job in jobs:
-        with open(os.path.join(ROOT, job['file']), encoding='utf-8') as source:
+        path = os.path.join(ROOT, job['file'])
+        if job.get('source') != fingerprint(path):
+            sys.exit(f'{file}: {job["file"]} has changed since; plant anew, without --again')
+        with open(path, encoding='utf-8') as source:
             job['text'] = source.read()
     return jobs
 
@@ -707,7 +710,8 @@ def main():
             one.end()
     score = report(done, time.monotonic() - began, not options.first)
     with open(WORK + '/kills.json', 'w', encoding='utf-8') as file:
-        json.dump([{k: v for k, v in m.items() if k != 'text'} for m in done], file, indent=1)
+        json.dump([{k: v for k, v in m.items() if k != 'text'} |
+                   {'source': fingerprint(os.path.join(ROOT, m['file']))} for m in done], file, indent=1)
     print(f'the matrix of kills: {os.path.relpath(WORK, ROOT)}/kills.json')
     return 0 if score >= options.least else 1
 
